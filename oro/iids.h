@@ -1,0 +1,62 @@
+// Every interface identifier of the module and of the framework services it
+// uses, in one place so that no two interfaces can share an id by accident.
+#pragma once
+
+#include <cstdint>
+
+namespace oro {
+
+using iid_t = std::uint32_t;
+using clsid_t = std::uint32_t;
+
+namespace iid {
+// Framework
+inline constexpr iid_t IObject = 0x00000000;
+inline constexpr iid_t IObjectFactory = 0x0b7e51a3;
+inline constexpr iid_t IServiceLocator = 0x1c0fd2a6;
+inline constexpr iid_t ITracer = 0x6ef3329b;
+inline constexpr iid_t ITask = 0xa47bf9af;
+inline constexpr iid_t ITaskStopEvents = 0x3d9c0b61;
+inline constexpr iid_t ITimer = 0x58e1a0c4;
+inline constexpr iid_t IRunnable = 0x7a2d44f0;
+inline constexpr iid_t IEventPublisher = 0x4f6b9e27;
+inline constexpr iid_t IStorage = 0x2e85c7d3;
+
+// Firewall task
+inline constexpr iid_t IFirewallTaskConstruct = 0x5a22f946;
+inline constexpr iid_t IFirewallTaskSettings = 0x32e60bc5;
+
+// Firewall service and its collaborators
+inline constexpr iid_t IPacketRules = 0x61c3e8b2;
+inline constexpr iid_t IDynamicRules = 0x1f4a7d95;
+inline constexpr iid_t IDynamicRules2 = 0x9b2e63c1;
+inline constexpr iid_t IOstraPorts = 0x44d1f0a8;
+inline constexpr iid_t IOstraPortsControl = 0x8c5a2e17;
+inline constexpr iid_t IFirewallStateQuery = 0x2a7f5c39;
+inline constexpr iid_t IFirewallStateChange = 0x6d0e9b4a;
+inline constexpr iid_t IIptablesInfoProvider = 0x35b8c6e2;
+inline constexpr iid_t IFeatureTechsAggregator = 0x70c4a9d1;
+}  // namespace iid
+
+namespace clsid {
+// Classes with a factory (oroGetObjectFactory)
+inline constexpr clsid_t FirewallService = 0x36abb259;
+inline constexpr clsid_t FirewallTask = 0x736c7fac;
+inline constexpr clsid_t TypeDescriptorStaticRegistry = 0x97246c1c;
+inline constexpr clsid_t OstraPorts = 0x2c0c955f;
+inline constexpr clsid_t NfqueueQuery = 0x87fb871c;
+// Classes created directly (oroCreateObject)
+inline constexpr clsid_t NetworkIsolationManager = 0x72f9d8cb;
+inline constexpr clsid_t NetworkIsolationFacade = 0x4255454f;
+inline constexpr clsid_t LumraModePortsExclude = 0xe98b6a82;
+inline constexpr clsid_t BridgeController = 0x0db0d30d;
+inline constexpr clsid_t NflogListenerFactory = 0x07a0917b;
+inline constexpr clsid_t IptablesFirewall = 0x667ec845;
+inline constexpr clsid_t IptablesInfoProvider = 0x41ab4516;
+inline constexpr clsid_t QdiscController = 0xa0a96d7d;
+inline constexpr clsid_t NetworkInterfaceProvider = 0x3b3831d9;
+// Asking for this id crashes the process on purpose (a crash-report hook).
+inline constexpr clsid_t CrashHook = 0xbad1bad1;
+}  // namespace clsid
+
+}  // namespace oro
