@@ -1,0 +1,28 @@
+// The packet logger that the firewall task runs on the NFLOG groups of its
+// logging rules. The task owns one; tests hand in their own.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "oro/object.h"
+
+namespace qel::firewall {
+
+// Packet rule i (0-based) that logs uses NFLOG group MinNflogGroup + i.
+inline constexpr std::uint16_t MinNflogGroup = 10001;
+
+using NflogGroupList = std::vector<std::uint16_t>;
+
+class RuleLogger {
+ public:
+  virtual ~RuleLogger() = default;
+  virtual oro::result_t Start(const NflogGroupList& groups) = 0;
+  virtual oro::result_t Stop() = 0;
+};
+
+// Creates the logger a firewall task owns, given the task's locator.
+using RuleLoggerFactory = std::unique_ptr<RuleLogger> (*)(oro::IServiceLocator* locator);
+
+}  // namespace qel::firewall

@@ -1,0 +1,69 @@
+// Fakes of the firewall task's collaborators. Every call is written to one
+// shared journal so that tests can check the order across collaborators.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "firewall/firewall_interfaces.h"
+#include "firewall/rule_logger.h"
+#include "qel_common/object_impl.h"
+
+namespace qel::test {
+
+struct CallJournal {
+  std::vector<std::string> calls;
+  // Calls that fail, by their journal text, with the code they return.
+  std::map<std::string, oro::result_t> failures;
+
+  oro::result_t Record(const std::string& call) {
+    calls.push_back(call);
+    const auto it = failures.find(call);
+    return it == failures.end() ? oro::errOk : it->second;
+  }
+};
+
+class FakePacketRules final : public ObjectImpl<FakePacketRules, firewall::IPacketRules> {
+ public:
+  explicit FakePacketRules(std::shared_ptr<CallJournal> journal) : m_journal(std::move(journal)) {}
+  oro::result_t SetPacketRules(const settings::FirewallSettings& rules) noexcept override {
+    lastRules = rules;
+    return m_journal->Record("SetPacketRules");
+  }
+  oro::result_t SetEnforce(bool doEnforce) noexcept override {
+    return m_journal->Record(doEnforce ? "SetEnforce(true)" : "SetEnforce(false)");
+  }
+  settings::FirewallSettings lastRules;
+
+ private:
+  std::shared_ptr<CallJournal> m_journal;
+};
+
+class FakeOstraPorts final : public ObjectImpl<FakeOstraPorts, firewall::IOstraPortsControl> {
+ public:
+  explicit FakeOstraPorts(std::shared_ptr<CallJournal> journal) : m_journal(std::move(journal)) {}
+  oro::result_t SetApply(bool doApply) noexcept override {
+    return m_journal->Record(doApply ? "SetApply(true)" : "SetApply(false)");
+  }
+
+ private:
+  std::shared_ptr<CallJournal> m_journal;
+};
+
+class FakeRuleLogger final : public firewall::RuleLogger {
+ public:
+  explicit FakeRuleLogger(std::shared_ptr<CallJournal> journal) : m_journal(std::move(journal)) {}
+  oro::result_t Start(const firewall::NflogGroupList& groups) override {
+    std::string call = "Logger.Start(";
+    for (std::size_t i = 0; i < groups.size(); ++i) call += (i ? "," : "") + std::to_string(groups[i]);
+    return m_journal->Record(call + ")");
+  }
+  oro::result_t Stop() override { return m_journal->Record("Logger.Stop"); }
+
+ private:
+  std::shared_ptr<CallJournal> m_journal;
+};
+
+}  // namespace qel::test

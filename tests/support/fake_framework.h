@@ -1,0 +1,80 @@
+// Fakes of the host framework's services: tracer, locator, stop events.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "oro/task.h"
+#include "oro/tracer.h"
+#include "qel_common/object_impl.h"
+
+namespace qel::test {
+
+class FakeTracer final : public ObjectImpl<FakeTracer, oro::ITracer> {
+ public:
+  bool IsEnabled(std::uint32_t) noexcept override { return true; }
+  void Trace(std::uint32_t level, const char* text) noexcept override {
+    std::lock_guard lock(m_mutex);
+    m_lines.emplace_back(level, text);
+  }
+
+  std::vector<std::pair<std::uint32_t, std::string>> Lines() {
+    std::lock_guard lock(m_mutex);
+    return m_lines;
+  }
+  // Whether some line of `level` contains `text`.
+  bool Contains(std::uint32_t level, const std::string& text) {
+    for (const auto& [l, line] : Lines()) {
+      if (l == level && line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+  bool Contains(const std::string& text) {
+    for (const auto& [l, line] : Lines()) {
+      if (line.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::pair<std::uint32_t, std::string>> m_lines;
+};
+
+// Answers GetInterface from the objects registered with it, in order.
+class FakeLocator final : public ObjectImpl<FakeLocator, oro::IServiceLocator> {
+ public:
+  template <class T>
+  void Register(const oro::RefPtr<T>& object) {
+    m_objects.push_back(oro::RefPtr<oro::IObject>::Share(object.Get()));
+  }
+  void Register(oro::IObject* object) { m_objects.push_back(oro::RefPtr<oro::IObject>::Share(object)); }
+
+  oro::result_t GetInterface(oro::iid_t iid, void** out) noexcept override {
+    *out = nullptr;
+    for (const auto& object : m_objects) {
+      if (ORO_SUCCEEDED(object->QueryInterface(iid, out))) return oro::errOk;
+    }
+    return oro::errNotFound;
+  }
+
+ private:
+  std::vector<oro::RefPtr<oro::IObject>> m_objects;
+};
+
+class FakeStopEvents final : public ObjectImpl<FakeStopEvents, oro::ITaskStopEvents> {
+ public:
+  void OnTaskCompleted(const oro::TaskCompletion& completion) noexcept override {
+    completions.emplace_back(completion.result, completion.text);
+  }
+  std::vector<std::pair<oro::result_t, std::string>> completions;
+};
+
+template <class T, class... Args>
+oro::RefPtr<T> Make(Args&&... args) {
+  return oro::RefPtr<T>::Adopt(new T(std::forward<Args>(args)...));
+}
+
+}  // namespace qel::test

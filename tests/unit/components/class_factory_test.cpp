@@ -1,0 +1,86 @@
+#include "module/class_factory.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "oro/exception.h"
+#include "support/fake_framework.h"
+
+namespace qel::test {
+namespace {
+
+struct IProbe : oro::IObject {
+  static constexpr oro::iid_t iid = 0x0e0e0e0e;
+};
+
+// Constructs as the test tells it to.
+enum class Outcome { Succeed, FailFinalConstruct, ThrowFramework, ThrowNested, ThrowPlain };
+Outcome g_outcome = Outcome::Succeed;
+int g_finalReleases = 0;
+
+class Probe final : public ObjectImpl<Probe, IProbe> {
+ public:
+  explicit Probe(oro::IServiceLocator*) {}
+  oro::result_t FinalConstruct() {
+    switch (g_outcome) {
+      case Outcome::Succeed: return oro::errOk;
+      case Outcome::FailFinalConstruct: return oro::errAlreadyExists;
+      case Outcome::ThrowFramework: throw oro::Exception(oro::errTimeout, "probe timed out");
+      case Outcome::ThrowNested:
+        try {
+          throw oro::GetInterfaceException(oro::errNotFound);
+        } catch (...) {
+          std::throw_with_nested(std::runtime_error("while wiring the probe"));
+        }
+      case Outcome::ThrowPlain: throw std::logic_error("broken probe");
+    }
+    return oro::errOk;
+  }
+  void FinalRelease() noexcept { ++g_finalReleases; }
+};
+
+using ProbeFactory = module::ClassFactory<&module::Create<Probe, IProbe>>;
+
+TEST(ClassFactory, ExceptionsBecomeCodesAndAreTraced) {
+  auto tracer = Make<FakeTracer>();
+  auto locator = Make<FakeLocator>();
+  locator->Register(tracer);
+  auto factory = oro::RefPtr<oro::IObjectFactory>::Adopt(ProbeFactory::Make());
+  const std::uint32_t locksWithFactory = ModuleLockCount();
+
+  struct Case {
+    Outcome outcome;
+    oro::result_t expected;
+    const char* traced;
+  };
+  const Case cases[] = {
+      {Outcome::FailFinalConstruct, oro::errAlreadyExists, nullptr},
+      {Outcome::ThrowFramework, oro::errTimeout, "Exception during object construction: probe timed out"},
+      {Outcome::ThrowNested, oro::errNotFound, "Exception during object construction: while wiring the probe"},
+      {Outcome::ThrowPlain, 0x80000150, "Exception during object construction: broken probe"},
+  };
+  for (const auto& c : cases) {
+    g_outcome = c.outcome;
+    auto* sentinel = reinterpret_cast<oro::IObject*>(0x1);
+    EXPECT_EQ(factory->CreateInstance(locator.Get(), &sentinel), c.expected);
+    EXPECT_EQ(sentinel, reinterpret_cast<oro::IObject*>(0x1));
+    if (c.traced) {
+      EXPECT_TRUE(tracer->Contains(oro::trace_level::Error, c.traced)) << c.traced;
+    }
+    // The half-built object is gone and holds no lock; FinalRelease never ran.
+    EXPECT_EQ(ModuleLockCount(), locksWithFactory);
+  }
+  EXPECT_EQ(g_finalReleases, 0);
+
+  g_outcome = Outcome::Succeed;
+  oro::RefPtr<oro::IObject> object;
+  ASSERT_EQ(factory->CreateInstance(locator.Get(), object.Out()), oro::errOk);
+  EXPECT_EQ(ModuleLockCount(), locksWithFactory + 1);
+  object.Reset();
+  EXPECT_EQ(g_finalReleases, 1);
+  EXPECT_EQ(ModuleLockCount(), locksWithFactory);
+}
+
+}  // namespace
+}  // namespace qel::test
