@@ -1,1 +1,493 @@
-// placeholder
+#include "firewall/iptables_rule_compiler.h"
+
+#include <boost/algorithm/string/classification.hpp>
+#include <boost/algorithm/string/split.hpp>
+#include <cstdio>
+#include <optional>
+#include <stdexcept>
+
+#include "qel_common/ip_address.h"
+#include "qel_common/string_conv.h"
+
+namespace qel::firewall {
+namespace {
+
+using settings::FirewallSettings;
+using settings::PacketRule;
+using settings::PacketRuleAction;
+using settings::PacketRuleDirection;
+using settings::PacketRuleProtocol;
+using tools::AddressElement;
+using tools::IpVersion;
+using tools::PortRange;
+
+constexpr char kAny[] = "Any";
+// The group of the first packet rule; the rule logger subtracts it again to
+// find the rule a logged packet belongs to.
+constexpr std::size_t kMinNflogGroup = 10001;
+
+// Raised by MakeRule for an address or protocol of the other family. It only
+// means that the address pair belongs to the other family's rule set.
+struct FamilyMismatch {};
+
+enum class Side { Incoming, Outgoing };
+
+// A packet rule's fields in the 8-bit form that rule text is written in.
+struct RuleFields {
+  std::size_t index = 0;
+  std::string name;
+  std::string item;
+  PacketRuleAction action = PacketRuleAction::Allow;
+  PacketRuleDirection direction = PacketRuleDirection::IncomingOutgoing;
+  PacketRuleProtocol protocol = PacketRuleProtocol::Any;
+  std::string remotePorts;
+  std::string localPorts;
+  std::string icmpType;
+  std::string icmpCode;
+  std::string remoteAddress;
+  std::string localAddress;
+  bool doLogAttempts = false;
+};
+
+// The parsed pieces of one rule's match; absent pieces restrict nothing.
+struct MatchParts {
+  std::optional<AddressElement> remote;
+  std::optional<AddressElement> local;
+  std::optional<PortRange> remotePorts;
+  std::optional<PortRange> localPorts;
+  std::string icmp;  // "type" or "type/code"
+};
+
+std::string FormatRuleItem(std::size_t index) {
+  char text[32];
+  std::snprintf(text, sizeof text, "item_%04zu", index);
+  return text;
+}
+
+// Runs `parse` on a field's text and turns its failure into an error that
+// names the rule, the field and the value.
+template <class Parse>
+auto ParseField(const RuleFields& rule, const char* field, const std::string& value, Parse parse) {
+  try {
+    return parse(value);
+  } catch (const std::exception& e) {
+    throw RuleCompileError(rule.index, rule.name, field, value, e.what());
+  }
+}
+
+// An enumeration value outside its table would otherwise slip through as an
+// accept rule or an empty log prefix.
+template <class Enum>
+void CheckEnumValue(const RuleFields& rule, const char* field, Enum value) {
+  ParseField(rule, field, std::to_string(static_cast<std::uint32_t>(value)),
+             [value](const std::string&) { return settings::EnumToString(value); });
+}
+
+RuleFields ReadRule(std::size_t index, const PacketRule& rule) {
+  RuleFields fields{index,
+                    tools::ToUtf8(rule.name),
+                    FormatRuleItem(index),
+                    rule.action,
+                    rule.direction,
+                    rule.protocol,
+                    tools::ToUtf8(rule.remotePorts),
+                    tools::ToUtf8(rule.localPorts),
+                    tools::ToUtf8(rule.icmpType),
+                    tools::ToUtf8(rule.icmpCode),
+                    tools::ToUtf8(rule.remoteAddress),
+                    tools::ToUtf8(rule.localAddress),
+                    rule.doLogAttempts};
+  CheckEnumValue(fields, "action", fields.action);
+  CheckEnumValue(fields, "direction", fields.direction);
+  CheckEnumValue(fields, "protocol", fields.protocol);
+  return fields;
+}
+
+// Adjacent separators count as one; an empty text stays one empty element,
+// which then fails to parse: only "Any" means no restriction.
+std::vector<std::string> SplitAddressList(const std::string& text) {
+  std::vector<std::string> elements;
+  boost::split(elements, text, boost::is_any_of(";"), boost::token_compress_on);
+  return elements;
+}
+
+bool HasPorts(PacketRuleProtocol protocol) {
+  return protocol == PacketRuleProtocol::TCP || protocol == PacketRuleProtocol::UDP;
+}
+
+bool HasIcmpType(PacketRuleProtocol protocol) {
+  return protocol == PacketRuleProtocol::ICMP || protocol == PacketRuleProtocol::ICMPv6;
+}
+
+const char* ProtocolFragment(PacketRuleProtocol protocol) {
+  switch (protocol) {
+    case PacketRuleProtocol::Any:
+      return "";
+    case PacketRuleProtocol::ICMP:
+      return " -p icmp";
+    case PacketRuleProtocol::IGMP:
+      return " -p igmp";
+    case PacketRuleProtocol::TCP:
+      return " -p tcp";
+    case PacketRuleProtocol::UDP:
+      return " -p udp";
+    case PacketRuleProtocol::GRE:
+      return " -p gre";
+    case PacketRuleProtocol::ICMPv6:
+      return " -p ipv6-icmp";
+  }
+  return "";
+}
+
+// ICMP types and codes are single bytes; written back without leading zeros,
+// as the tools print them.
+std::string ParseIcmpNumber(const std::string& text) {
+  const bool isByte = !text.empty() && text.size() <= 3 && text.find_first_not_of("0123456789") == std::string::npos &&
+                      std::stoul(text) <= 255;
+  if (!isByte) throw std::invalid_argument("not a number from 0 to 255");
+  return std::to_string(std::stoul(text));
+}
+
+std::string IcmpMatchValue(const RuleFields& rule) {
+  if (rule.icmpType == kAny) return "";
+  std::string value = ParseField(rule, "icmpType", rule.icmpType, ParseIcmpNumber);
+  if (rule.icmpCode != kAny) value.append("/").append(ParseField(rule, "icmpCode", rule.icmpCode, ParseIcmpNumber));
+  return value;
+}
+
+std::optional<AddressElement> ParseAddress(const RuleFields& rule, const char* field, const std::string& element) {
+  if (element == kAny) return std::nullopt;
+  return ParseField(rule, field, element, [](const std::string& text) { return tools::ParseAddressElement(text); });
+}
+
+std::optional<PortRange> ParsePorts(const RuleFields& rule, const char* field, const std::string& ports) {
+  if (ports == kAny) return std::nullopt;
+  return ParseField(rule, field, ports, [](const std::string& text) { return tools::ParsePortRange(text); });
+}
+
+// Every field is parsed before the family is looked at, so that a bad value
+// fails the compilation in both families alike.
+MatchParts ParseMatchParts(const RuleFields& rule, const std::string& remote, const std::string& local) {
+  MatchParts parts;
+  parts.remote = ParseAddress(rule, "remoteAddress", remote);
+  parts.local = ParseAddress(rule, "localAddress", local);
+  if (HasPorts(rule.protocol)) {
+    parts.remotePorts = ParsePorts(rule, "remotePorts", rule.remotePorts);
+    parts.localPorts = ParsePorts(rule, "localPorts", rule.localPorts);
+  }
+  if (HasIcmpType(rule.protocol)) parts.icmp = IcmpMatchValue(rule);
+  return parts;
+}
+
+void CheckFamily(const RuleFields& rule, const MatchParts& parts, IpVersion version) {
+  for (const auto* address : {&parts.remote, &parts.local}) {
+    if (*address && tools::VersionOf(**address) != version) throw FamilyMismatch{};
+  }
+  if (rule.protocol == PacketRuleProtocol::ICMP && version != IpVersion::V4) throw FamilyMismatch{};
+  if (rule.protocol == PacketRuleProtocol::ICMPv6 && version != IpVersion::V6) throw FamilyMismatch{};
+}
+
+// A zero-length prefix matches every address, and the tools leave it out.
+void AppendNetwork(std::string& text, const char* option, const std::optional<AddressElement>& address) {
+  const auto* network = address ? std::get_if<tools::IpNetwork>(&*address) : nullptr;
+  if (network && network->prefixLength != 0) text += option + network->ToString();
+}
+
+void AppendRange(std::string& text, const char* option, const std::optional<AddressElement>& address) {
+  const auto* range = address ? std::get_if<tools::IpRange>(&*address) : nullptr;
+  if (range) text += std::string(" -m iprange") + option + range->ToString();
+}
+
+void AppendPort(std::string& text, const char* option, const std::optional<PortRange>& ports) {
+  if (ports && !ports->CoversAllPorts()) text += option + ports->ToString();
+}
+
+void AppendPorts(std::string& text, PacketRuleProtocol protocol, const std::optional<PortRange>& source,
+                 const std::optional<PortRange>& destination) {
+  if (!source && !destination) return;
+  text += protocol == PacketRuleProtocol::TCP ? " -m tcp" : " -m udp";
+  AppendPort(text, " --sport ", source);
+  AppendPort(text, " --dport ", destination);
+}
+
+void AppendIcmp(std::string& text, PacketRuleProtocol protocol, const std::string& icmp) {
+  if (icmp.empty()) return;
+  text += protocol == PacketRuleProtocol::ICMP ? " -m icmp --icmp-type " : " -m icmp6 --icmpv6-type ";
+  text += icmp;
+}
+
+// The fragments in the order in which the tools print a rule back, each
+// beginning with a blank.
+std::string MatchText(const RuleFields& rule, const MatchParts& parts, Side side) {
+  const bool incoming = side == Side::Incoming;
+  const auto& source = incoming ? parts.remote : parts.local;
+  const auto& destination = incoming ? parts.local : parts.remote;
+  std::string text;
+  AppendNetwork(text, " -s ", source);
+  AppendNetwork(text, " -d ", destination);
+  text += ProtocolFragment(rule.protocol);
+  AppendRange(text, " --src-range ", source);
+  AppendRange(text, " --dst-range ", destination);
+  AppendPorts(text, rule.protocol, incoming ? parts.remotePorts : parts.localPorts,
+              incoming ? parts.localPorts : parts.remotePorts);
+  AppendIcmp(text, rule.protocol, parts.icmp);
+  return text;
+}
+
+Tokens ActionTarget(PacketRuleAction action) { return {action == PacketRuleAction::Block ? "DROP" : "ACCEPT"}; }
+
+Tokens NewConnection() { return {"-m", "conntrack", "--ctstate", "NEW"}; }
+
+Tokens EstablishedConnection() { return {"-m", "conntrack", "--ctstate", "ESTABLISHED"}; }
+
+Tokens EstablishedConnection(const char* direction) {
+  Tokens tokens = EstablishedConnection();
+  tokens.insert(tokens.end(), {"--ctdir", direction});
+  return tokens;
+}
+
+Tokens Concat(Tokens first, const Tokens& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+bool IsCatchAll(const RuleFields& rule) {
+  return rule.protocol == PacketRuleProtocol::Any && rule.remotePorts == kAny && rule.localPorts == kAny &&
+         rule.icmpType == kAny && rule.icmpCode == kAny && rule.remoteAddress == kAny && rule.localAddress == kAny;
+}
+
+const std::vector<oro::string16_t>* ZoneList(const FirewallSettings& settings, const std::string& name) {
+  if (name == "Trusted") return &settings.networkZonesTrusted;
+  if (name == "Local") return &settings.networkZonesLocal;
+  if (name == "Public") return &settings.networkZonesPublic;
+  return nullptr;
+}
+
+// Which traffic a catch-all packet rule already decides, so that the
+// defaults for it would never be reached.
+struct Coverage {
+  bool incomingStateful = false;
+  bool outgoingStateful = false;
+  bool incomingPacket = false;
+  bool outgoingPacket = false;
+};
+
+class FamilyCompiler {
+ public:
+  FamilyCompiler(const FirewallSettings& settings, types::IPAddressFamily::Type family, bool suitableConntrack,
+                 const tracing::Tracer& tracer)
+      : m_settings(settings),
+        m_version(family == types::IPAddressFamily::IPv6 ? IpVersion::V6 : IpVersion::V4),
+        // An unreliable direction test in the kernel sees every connection
+        // from the other end, so the words trade places.
+        m_forward(suitableConntrack ? "ORIGINAL" : "REPLY"),
+        m_backward(suitableConntrack ? "REPLY" : "ORIGINAL"),
+        m_tracer(tracer) {}
+
+  CompiledRules Compile() {
+    m_rules.incoming.push_back(Item({"-i", "lo"}, {"ACCEPT"}));
+    m_rules.outgoing.push_back(Item({"-o", "lo"}, {"ACCEPT"}));
+    for (std::size_t index = 0; index < m_settings.packetRules.size(); ++index) {
+      const RuleFields rule = ReadRule(index, m_settings.packetRules[index]);
+      CompilePacketRule(rule);
+      if (IsCatchAll(rule)) MarkCovered(rule.direction);
+    }
+    AppendDefaults();
+    return std::move(m_rules);
+  }
+
+ private:
+  void CompilePacketRule(const RuleFields& rule) {
+    const std::vector<std::string> locals = SplitAddressList(rule.localAddress);
+    const auto* zone = ZoneList(m_settings, rule.remoteAddress);
+    if (!zone) {
+      for (const auto& remote : SplitAddressList(rule.remoteAddress)) CompilePairs(rule, remote, locals, "");
+      return;
+    }
+    for (const auto& entry : *zone) {
+      const std::string remote = tools::ToUtf8(entry);
+      if (ZoneEntryVersion(rule.remoteAddress, remote) == m_version) {
+        CompilePairs(rule, remote, locals, rule.remoteAddress);
+      }
+    }
+  }
+
+  IpVersion ZoneEntryVersion(const std::string& zoneName, const std::string& entry) const {
+    try {
+      return tools::VersionOf(tools::ParseAddressElement(entry));
+    } catch (const std::exception& e) {
+      throw RuleCompileError(RuleCompileError::npos, "", "networkZones" + zoneName, entry, e.what());
+    }
+  }
+
+  void CompilePairs(const RuleFields& rule, const std::string& remote, const std::vector<std::string>& locals,
+                    const std::string& zoneName) {
+    for (const auto& local : locals) {
+      try {
+        CompilePair(rule, remote, local, zoneName);
+      } catch (const FamilyMismatch&) {
+        // The pair is compiled into the other family's rule set.
+      }
+    }
+  }
+
+  void CompilePair(const RuleFields& rule, const std::string& remote, const std::string& local,
+                   const std::string& zoneName) {
+    const PacketRuleDirection direction = rule.direction;
+    // Both matches are built before anything is appended, so a family
+    // mismatch leaves no half of the pair behind.
+    Tokens in, out;
+    if (direction != PacketRuleDirection::OutgoingPacket) in = MakeRule(rule, remote, local, Side::Incoming);
+    if (direction != PacketRuleDirection::IncomingPacket) out = MakeRule(rule, remote, local, Side::Outgoing);
+
+    const RuleEmitter emit{rule, zoneName};
+    auto& incoming = m_rules.incoming;
+    auto& outgoing = m_rules.outgoing;
+    switch (direction) {
+      case PacketRuleDirection::Incoming:
+        emit(incoming, Concat(in, EstablishedConnection(m_forward)), false);
+        emit(incoming, Concat(in, NewConnection()), rule.doLogAttempts);
+        emit(outgoing, Concat(out, EstablishedConnection(m_backward)), false);
+        break;
+      case PacketRuleDirection::Outgoing:
+        emit(outgoing, Concat(out, EstablishedConnection(m_forward)), false);
+        emit(outgoing, Concat(out, NewConnection()), rule.doLogAttempts);
+        emit(incoming, Concat(in, EstablishedConnection(m_backward)), false);
+        break;
+      case PacketRuleDirection::IncomingOutgoing:
+        emit(incoming, Concat(in, EstablishedConnection()), false);
+        emit(incoming, Concat(in, NewConnection()), rule.doLogAttempts);
+        emit(outgoing, Concat(out, EstablishedConnection()), false);
+        emit(outgoing, Concat(out, NewConnection()), rule.doLogAttempts);
+        break;
+      case PacketRuleDirection::IncomingPacket:
+        emit(incoming, in, rule.doLogAttempts);
+        break;
+      case PacketRuleDirection::OutgoingPacket:
+        emit(outgoing, out, rule.doLogAttempts);
+        break;
+      case PacketRuleDirection::IncomingOutgoingPacket:
+        emit(incoming, in, rule.doLogAttempts);
+        emit(outgoing, out, rule.doLogAttempts);
+        break;
+    }
+  }
+
+  // Appends a packet rule's rule, preceded by its logging copy when asked.
+  struct RuleEmitter {
+    const RuleFields& rule;
+    const std::string& zoneName;
+
+    void operator()(std::vector<Rule>& list, const Tokens& match, bool log) const {
+      if (log) {
+        const auto group = static_cast<int>(kMinNflogGroup + rule.index);
+        list.push_back(Labelled(match, NflogTarget(settings::EnumToString(rule.action), group)));
+      }
+      list.push_back(Labelled(match, ActionTarget(rule.action)));
+    }
+
+    Rule Labelled(const Tokens& match, Tokens target) const {
+      Rule item = Item(match, std::move(target));
+      item.ruleName = rule.name;
+      item.ruleItem = rule.item;
+      item.zoneName = zoneName;
+      return item;
+    }
+  };
+
+  Tokens MakeRule(const RuleFields& rule, const std::string& remote, const std::string& local, Side side) const {
+    m_tracer.Write(tracing::Detail, "MakeRule", "() ", "remoteAddress=", remote, ", localAddress=", local,
+                   ", family=", static_cast<int>(m_version));
+    const MatchParts parts = ParseMatchParts(rule, remote, local);
+    CheckFamily(rule, parts, m_version);
+    const std::string text = MatchText(rule, parts, side);
+    m_tracer.Write(tracing::Detail, "MakeRule", " rule match: ", text);
+    return SplitTokens(text);
+  }
+
+  void MarkCovered(PacketRuleDirection direction) {
+    switch (direction) {
+      case PacketRuleDirection::IncomingOutgoing:
+        m_covered.incomingStateful = m_covered.outgoingStateful = true;
+        break;
+      case PacketRuleDirection::Incoming:
+        m_covered.incomingStateful = true;
+        break;
+      case PacketRuleDirection::Outgoing:
+        m_covered.outgoingStateful = true;
+        break;
+      case PacketRuleDirection::IncomingOutgoingPacket:
+        m_covered.incomingPacket = m_covered.outgoingPacket = true;
+        break;
+      case PacketRuleDirection::IncomingPacket:
+        m_covered.incomingPacket = true;
+        break;
+      case PacketRuleDirection::OutgoingPacket:
+        m_covered.outgoingPacket = true;
+        break;
+    }
+  }
+
+  void AppendDefaults() {
+    auto& incoming = m_rules.incoming;
+    auto& outgoing = m_rules.outgoing;
+    if (!m_covered.incomingStateful) {
+      const Tokens action = ActionTarget(m_settings.defaultIncomingAction);
+      incoming.push_back(Item(EstablishedConnection(m_forward), action));
+      incoming.push_back(Item(NewConnection(), action));
+      outgoing.push_back(Item(EstablishedConnection(m_backward), action));
+    }
+    // Replies to the host's own connections.
+    if (!m_covered.outgoingStateful) incoming.push_back(Item(EstablishedConnection(m_backward), {"ACCEPT"}));
+    if (!m_covered.incomingPacket) incoming.push_back(Item({}, ActionTarget(m_settings.defaultIncomingPacketAction)));
+    if (!m_covered.outgoingPacket) outgoing.push_back(Item({}, {"ACCEPT"}));
+  }
+
+  static Rule Item(Tokens match, Tokens target) {
+    Rule rule;
+    rule.match = std::move(match);
+    rule.target = std::move(target);
+    return rule;
+  }
+
+  const FirewallSettings& m_settings;
+  const IpVersion m_version;
+  const char* const m_forward;
+  const char* const m_backward;
+  const tracing::Tracer& m_tracer;
+  CompiledRules m_rules;
+  Coverage m_covered;
+};
+
+std::string CompileErrorText(std::size_t ruleIndex, const std::string& ruleName, const std::string& field,
+                             const std::string& value, const std::string& reason) {
+  std::string text;
+  if (ruleIndex != RuleCompileError::npos) text = "packet rule " + std::to_string(ruleIndex) + " (" + ruleName + "), ";
+  return text + field + " '" + value + "': " + reason;
+}
+
+}  // namespace
+
+RuleCompileError::RuleCompileError(std::size_t ruleIndex, std::string ruleName, std::string field, std::string value,
+                                   std::string reason)
+    : oro::Exception(oro::errInvalidArgument, CompileErrorText(ruleIndex, ruleName, field, value, reason)),
+      m_ruleIndex(ruleIndex),
+      m_ruleName(std::move(ruleName)),
+      m_field(std::move(field)),
+      m_value(std::move(value)),
+      m_reason(std::move(reason)) {}
+
+Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold) {
+  Tokens target{"NFLOG"};
+  if (!prefix.empty()) target.insert(target.end(), {"--nflog-prefix", prefix});
+  if (group != 0) target.insert(target.end(), {"--nflog-group", std::to_string(group)});
+  if (threshold != 0) target.insert(target.end(), {"--nflog-threshold", std::to_string(threshold)});
+  return target;
+}
+
+CompiledRules CompileRules(const settings::FirewallSettings& settings, types::IPAddressFamily::Type family,
+                           bool suitableConntrack, const tracing::Tracer& tracer) {
+  return FamilyCompiler(settings, family, suitableConntrack, tracer).Compile();
+}
+
+}  // namespace qel::firewall

@@ -41,6 +41,11 @@ class RuleCompileError : public oro::Exception {
   std::string m_reason;
 };
 
+// The NFLOG target: "NFLOG", then "--nflog-prefix" and the prefix when it is
+// not empty, "--nflog-group" and the group when it is not 0, and
+// "--nflog-threshold" and the threshold when it is not 0.
+Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold = 0);
+
 // Compiles `settings` for `family`. `suitableConntrack` is the kernel's
 // support for revision 3 of the conntrack match (see ProbeConntrackRevision);
 // without it the conntrack direction words are swapped. Throws

@@ -1,0 +1,86 @@
+#include "qel_common/ip_address.h"
+
+#include <gtest/gtest.h>
+
+#include <variant>
+
+namespace qel::tools {
+namespace {
+
+std::string ElementText(const char* text) {
+  return std::visit([](const auto& element) { return element.ToString(); }, ParseAddressElement(text));
+}
+
+// Written back the way the tools print it: host bits of a network cleared,
+// IPv6 compressed and in lower case, a bare address with its full prefix.
+TEST(IpAddressTest, ElementsAreWrittenInCanonicalForm) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"10.0.0.0/8", "10.0.0.0/8"},           {"10.1.2.3/8", "10.0.0.0/8"},
+      {"192.168.1.5", "192.168.1.5/32"},      {"10.1.2.255/31", "10.1.2.254/31"},
+      {"10.1.2.3/0", "0.0.0.0/0"},            {"fe80::1/10", "fe80::/10"},
+      {"FE80:0:0::1", "fe80::1/128"},         {"2001:db8::ff/121", "2001:db8::80/121"},
+      {"[::1]", "::1/128"},                   {"::ffff:1.2.3.4", "::ffff:1.2.3.4/128"},
+      {"10.0.0.255-10.0.1.0", "10.0.0.255-10.0.1.0"},
+      {"2001:DB8::1-2001:db8:0:0::ff", "2001:db8::1-2001:db8::ff"},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(ElementText(input), expected) << input;
+  EXPECT_EQ(VersionOf(ParseAddressElement("fe80::1-fe80::2")), IpVersion::V6);
+  EXPECT_EQ(VersionOf(ParseAddressElement("10.0.0.1")), IpVersion::V4);
+}
+
+TEST(IpAddressTest, MalformedElementsAreRejectedWithTheirReason) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "empty address string"},
+      {"10.0.0.300", "Invalid format of ip address"},
+      {"host.example", "Invalid format of ip address"},
+      {"fe80::1%eth0", "Invalid format of ip address"},
+      {"[::1", "Invalid format of ip address"},
+      {"10.0.0.1-10.0.0.x", "Invalid format of ip address"},
+      {"10.0.0.1/33", "invalid mask in network address"},
+      {"fe80::/129", "invalid mask in network address"},
+      {"10.0.0.0/", "invalid mask in network address"},
+      {"10.0.0.0/255.0.0.0", "invalid mask in network address"},
+      {"1.2.3.4:80", "port is not empty"},
+      {"[::1]:80", "port is not empty"},
+      {"10.0.0.1-", "invalid range address string"},
+      {"-10.0.0.1", "invalid range address string"},
+      {"10.0.0.1-10.0.0.2-10.0.0.3", "invalid range address string"},
+      {"10.0.0.1-fe80::1", "different versions of ip addresses"},
+      {"10.0.0.9-10.0.0.1", "The last address in the range is not greater than the first one"},
+      {"10.0.0.1-10.0.0.1", "The last address in the range is not greater than the first one"},
+  };
+  for (const auto& [input, message] : cases) {
+    try {
+      ParseAddressElement(input);
+      ADD_FAILURE() << input << " parsed";
+    } catch (const AddressParseError& e) {
+      EXPECT_STREQ(e.what(), message) << input;
+    }
+  }
+}
+
+TEST(IpAddressTest, PortsAreWrittenAsTheToolsPrintThem) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"80", "80"},         {" 1000 -\t2000 ", "1000:2000"}, {"1000-2000", "1000:2000"},
+      {"443-443", "443"},   {"0-0", "0"},                    {"65535", "65535"},
+  };
+  for (const auto& [input, expected] : cases) EXPECT_EQ(ParsePortRange(input).ToString(), expected) << input;
+  EXPECT_TRUE(ParsePortRange("0-65535").CoversAllPorts());
+  EXPECT_FALSE(ParsePortRange("1-65535").CoversAllPorts());
+}
+
+TEST(IpAddressTest, MalformedPortsAreRejected) {
+  const char* const notNumbers[] = {"", "http", "65536", "-1", "+80", "80-", "1-2-3", "8 0"};
+  for (const char* input : notNumbers) {
+    try {
+      ParsePortRange(input);
+      ADD_FAILURE() << input << " parsed";
+    } catch (const PortParseError& e) {
+      EXPECT_STREQ(e.what(), "bad lexical cast: source type value could not be interpreted as target") << input;
+    }
+  }
+  EXPECT_THROW(ParsePortRange("2000-1000"), PortParseError);
+}
+
+}  // namespace
+}  // namespace qel::tools
