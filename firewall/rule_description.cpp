@@ -1,1 +1,396 @@
-// placeholder
+#include "firewall/rule_description.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <ostream>
+#include <utility>
+
+#include "firewall/iptables_rule_compiler.h"
+#include "oro/exception.h"
+
+namespace qel::firewall {
+namespace {
+
+using types::IPAddressFamily;
+
+constexpr std::array<const char*, kActionKindCount> kKindWords = {
+    "raw",      "access",        "queue",            "mark",  "divert",    "nat-action",
+    "connmark", "connmark-save", "connmark-restore", "nflog", "isolation", "bypass",
+};
+
+[[noreturn]] void ThrowUnexpectedIndex() { throw oro::Exception(oro::errUnexpected, "Unexpected index"); }
+
+// "0x" and lowercase digits without leading zeros, as iptables prints marks.
+std::string Hex(std::uint32_t value) {
+  char digits[8];
+  const auto end = std::to_chars(std::begin(digits), std::end(digits), value, 16).ptr;
+  return "0x" + std::string(digits, end);
+}
+
+std::string Decimal(std::uint32_t value) { return std::to_string(value); }
+
+std::string PortRangeText(const PortRange& ports) {
+  if (ports.first == ports.last) return Decimal(ports.first);
+  return Decimal(ports.first) + ":" + Decimal(ports.last);
+}
+
+std::string MaskedText(const MarkMatch& mark) { return Hex(mark.value) + "/" + Hex(mark.mask.value_or(mark.value)); }
+
+const char* ConnStateName(ConnState state) {
+  switch (state) {
+    case ConnState::New: return "NEW";
+    case ConnState::Established: return "ESTABLISHED";
+    case ConnState::NewEstablished: return "NEW,ESTABLISHED";
+  }
+  return "";
+}
+
+const char* ConnDirectionName(ConnDirection direction) {
+  switch (direction) {
+    case ConnDirection::Original: return "ORIGINAL";
+    case ConnDirection::Reply: return "REPLY";
+  }
+  return "";
+}
+
+const char* AddressTypeName(AddressType type) {
+  switch (type) {
+    case AddressType::Local: return "LOCAL";
+  }
+  return "";
+}
+
+// Numbers that iptables knows by name; any other protocol is written as its
+// number, which iptables accepts as well.
+std::string ProtocolName(std::uint8_t protocol) {
+  switch (protocol) {
+    case 1: return "icmp";
+    case 2: return "igmp";
+    case 6: return "tcp";
+    case 17: return "udp";
+    case 47: return "gre";
+    case 58: return "ipv6-icmp";
+    default: return Decimal(protocol);
+  }
+}
+
+constexpr std::uint8_t kTcp = 6;
+constexpr std::uint8_t kUdp = 17;
+
+// In the order iptables lists them; the two ECN bits have no iptables name
+// and are left out.
+constexpr std::pair<std::uint8_t, const char*> kTcpFlagNames[] = {
+    {0x01, "FIN"}, {0x02, "SYN"}, {0x04, "RST"}, {0x08, "PSH"}, {0x10, "ACK"}, {0x20, "URG"},
+};
+
+std::string TcpFlagSetText(std::uint8_t flags) {
+  std::string text;
+  for (const auto& [bit, name] : kTcpFlagNames) {
+    if ((flags & bit) == 0) continue;
+    if (!text.empty()) text += ',';
+    text += name;
+  }
+  return text.empty() ? "NONE" : text;
+}
+
+// --- Printed form ------------------------------------------------------------
+
+std::string OptionalNetworkText(const std::optional<Network>& network) {
+  return network ? NetworkText(*network) : "any";
+}
+
+std::string OptionalProtocolText(const std::optional<std::uint8_t>& protocol) {
+  return protocol ? Decimal(*protocol) : "any";
+}
+
+// " mark 0x10/0xff", " ctmark 0x1 ctmask 0xff"; the mask only when given
+std::string MarkText(const char* key, const std::optional<MarkMatch>& mark, const char* maskSeparator) {
+  if (!mark) return "";
+  std::string text = key + Hex(mark->value);
+  if (mark->mask) text += maskSeparator + Hex(*mark->mask);
+  return text;
+}
+
+std::string AddrtypeText(const char* key, const std::optional<AddrtypeMatch>& addrtype) {
+  if (!addrtype) return "";
+  return key + std::string(addrtype->negated ? "! " : "") + AddressTypeName(addrtype->type);
+}
+
+std::string ConditionsText(const RuleDescription& d) {
+  std::string text = " proto " + OptionalProtocolText(d.protocol) + " remote " + OptionalNetworkText(d.remote) +
+                     " local " + OptionalNetworkText(d.local);
+  if (d.iface) text += (d.iface->negated ? " ! iface " : " iface ") + d.iface->name;
+  if (d.remotePorts) text += " remotePorts " + PortRangeText(*d.remotePorts);
+  if (d.localPorts) text += " localPorts " + PortRangeText(*d.localPorts);
+  if (d.classid) text += " classid " + Hex(*d.classid);
+  text += MarkText(" mark ", d.mark, "/");
+  text += MarkText(" ! mark ", d.excludeMark, "/");
+  if (d.excludeRemoteEndpoint) text += " excludeRemoteEndpoint " + *d.excludeRemoteEndpoint;
+  if (d.excludeRemote) text += " excludeRemote " + *d.excludeRemote;
+  if (d.ctstate) text += std::string(" ctstate ") + ConnStateName(*d.ctstate);
+  if (d.ctdir) text += std::string(" ctdir ") + ConnDirectionName(*d.ctdir);
+  text += AddrtypeText(" remoteAddrtype ", d.remoteAddrtype);
+  text += AddrtypeText(" localAddrtype ", d.localAddrtype);
+  text += MarkText(" ctmark ", d.ctmark, " ctmask ");
+  text += MarkText(" ! ctmark ", d.excludeCtmark, " ctmask ");
+  if (d.tcpFlags) {
+    text += (d.tcpFlags->negated ? " ! tcp-flags " : " tcp-flags ") + Hex(d.tcpFlags->mask) + "/" +
+            Hex(d.tcpFlags->comparison);
+  }
+  return text;
+}
+
+struct ActionFieldsText {
+  std::string operator()(const RawAction& a) const {
+    std::string text = " target " + a.target + " --";
+    for (const auto& argument : a.arguments) text += " " + argument;
+    return text;
+  }
+  std::string operator()(const AccessAction& a) const { return " action " + Decimal(a.action); }
+  std::string operator()(const QueueAction& a) const { return " queue " + Decimal(a.queue); }
+  std::string operator()(const MarkAction& a) const { return " assignMark " + Hex(a.assignMark); }
+  std::string operator()(const DivertAction& a) const {
+    std::string text = " divertToPort " + Decimal(a.divertToPort);
+    if (a.assignMark) text += " assignMark " + Hex(*a.assignMark);
+    return text;
+  }
+  std::string operator()(const NatAction& a) const { return " action " + Decimal(a.action); }
+  std::string operator()(const ConnmarkAction& a) const {
+    return " assignCtmark " + Hex(a.assignCtmark) + " assignCtmask " + Hex(a.assignCtmask);
+  }
+  std::string operator()(const ConnmarkSaveAction& a) const {
+    return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask);
+  }
+  std::string operator()(const ConnmarkRestoreAction& a) const {
+    return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask);
+  }
+  std::string operator()(const NflogAction& a) const {
+    std::string text = " nflogGroup " + Decimal(a.nflogGroup);
+    if (a.nflogPrefix) text += " nflogPrefix " + *a.nflogPrefix;
+    return text + " nflogThreshold " + Decimal(a.nflogThreshold);
+  }
+  std::string operator()(const IsolationAction& a) const { return " action " + Decimal(a.action); }
+  std::string operator()(const BypassAction&) const { return ""; }
+};
+
+// --- Match tokens ------------------------------------------------------------
+
+bool IsAllZero(const Network& network) {
+  const std::size_t size = network.family == IPAddressFamily::IPv4 ? 4 : 16;
+  return std::all_of(network.address.begin(), network.address.begin() + size, [](std::uint8_t b) { return b == 0; });
+}
+
+bool BelongsTo(const std::optional<Network>& network, IPAddressFamily::Type family) {
+  return !network || network->family == family;
+}
+
+// -s 10.0.0.0/8
+std::string NetworkFragment(const char* option, const std::optional<Network>& network) {
+  if (!network || IsAllZero(*network)) return "";
+  return option + NetworkText(*network);
+}
+
+// ! -i eth0
+std::string InterfaceFragment(const std::optional<InterfaceMatch>& iface, Side side) {
+  if (!iface) return "";
+  const char* option = side == Side::Incoming ? " -i " : " -o ";
+  return (iface->negated ? " !" : "") + (option + iface->name);
+}
+
+// -p tcp
+std::string ProtocolFragment(const std::optional<std::uint8_t>& protocol) {
+  if (!protocol || *protocol == 0) return "";
+  return " -p " + ProtocolName(*protocol);
+}
+
+// --sport 1000:2000
+std::string PortFragment(const char* option, const std::optional<PortRange>& ports) {
+  return ports ? option + PortRangeText(*ports) : "";
+}
+
+// ! --tcp-flags FIN,SYN,RST,ACK SYN
+std::string TcpFlagsFragment(const std::optional<TcpFlagsMatch>& flags) {
+  if (!flags) return "";
+  return (flags->negated ? " !" : "") + (" --tcp-flags " + TcpFlagSetText(flags->mask)) + " " +
+         TcpFlagSetText(flags->comparison);
+}
+
+// -m tcp --sport 1000:2000 --dport 22 --tcp-flags SYN,ACK SYN
+// The module is named once, and only when one of its options is used.
+std::string TransportFragment(const RuleDescription& d, Side side) {
+  if (d.protocol != kTcp && d.protocol != kUdp) return "";
+  const bool incoming = side == Side::Incoming;
+  const auto& sourcePorts = incoming ? d.remotePorts : d.localPorts;
+  const auto& destinationPorts = incoming ? d.localPorts : d.remotePorts;
+  std::string options = PortFragment(" --sport ", sourcePorts) + PortFragment(" --dport ", destinationPorts);
+  if (d.protocol == kTcp) options += TcpFlagsFragment(d.tcpFlags);
+  if (options.empty()) return "";
+  return (d.protocol == kTcp ? " -m tcp" : " -m udp") + options;
+}
+
+// -m cgroup --cgroup 1048577
+std::string CgroupFragment(const std::optional<std::uint32_t>& classid) {
+  return classid ? " -m cgroup --cgroup " + Decimal(*classid) : "";
+}
+
+// -m mark --mark 0x10/0x10, -m connmark ! --mark 0x1/0xff and the like
+std::string MarkFragment(const char* prefix, const std::optional<MarkMatch>& mark) {
+  return mark ? prefix + MaskedText(*mark) : "";
+}
+
+// -m set ! --match-set isolation_excl src,src
+std::string SetExclusionFragment(const std::optional<std::string>& setName, const char* flags) {
+  return setName ? " -m set ! --match-set " + *setName + " " + flags : "";
+}
+
+// -m conntrack --ctstate NEW --ctdir ORIGINAL
+std::string ConntrackFragment(const std::optional<ConnState>& state, const std::optional<ConnDirection>& direction) {
+  if (!state && !direction) return "";
+  std::string text = " -m conntrack";
+  if (state) text += std::string(" --ctstate ") + ConnStateName(*state);
+  if (direction) text += std::string(" --ctdir ") + ConnDirectionName(*direction);
+  return text;
+}
+
+// ! --src-type LOCAL
+std::string AddrtypeOption(const char* option, const std::optional<AddrtypeMatch>& addrtype) {
+  if (!addrtype) return "";
+  return (addrtype->negated ? " !" : "") + (option + std::string(AddressTypeName(addrtype->type)));
+}
+
+// -m addrtype --dst-type LOCAL ! --src-type LOCAL (incoming side)
+std::string AddrtypeFragment(const RuleDescription& d, Side side) {
+  if (!d.localAddrtype && !d.remoteAddrtype) return "";
+  const bool incoming = side == Side::Incoming;
+  return " -m addrtype" + AddrtypeOption(incoming ? " --dst-type " : " --src-type ", d.localAddrtype) +
+         AddrtypeOption(incoming ? " --src-type " : " --dst-type ", d.remoteAddrtype);
+}
+
+std::string MatchText(const RuleDescription& d, Side side) {
+  const bool incoming = side == Side::Incoming;
+  return NetworkFragment(" -s ", incoming ? d.remote : d.local) +
+         NetworkFragment(" -d ", incoming ? d.local : d.remote) + InterfaceFragment(d.iface, side) +
+         ProtocolFragment(d.protocol) + TransportFragment(d, side) + CgroupFragment(d.classid) +
+         MarkFragment(" -m mark --mark ", d.mark) + MarkFragment(" -m mark ! --mark ", d.excludeMark) +
+         SetExclusionFragment(d.excludeRemoteEndpoint, incoming ? "src,src" : "dst,dst") +
+         SetExclusionFragment(d.excludeRemote, incoming ? "src" : "dst") + ConntrackFragment(d.ctstate, d.ctdir) +
+         AddrtypeFragment(d, side) + MarkFragment(" -m connmark --mark ", d.ctmark) +
+         MarkFragment(" -m connmark ! --mark ", d.excludeCtmark);
+}
+
+// --- Target tokens -----------------------------------------------------------
+
+Tokens VerdictTarget(std::uint32_t action) {
+  switch (action) {
+    case 1: return {"DROP"};
+    case 2: return {"RETURN"};
+    default: return {"ACCEPT"};
+  }
+}
+
+struct ActionTarget {
+  IPAddressFamily::Type family;
+
+  // -j <target> <arguments>
+  Tokens operator()(const RawAction& a) const {
+    Tokens tokens = SplitTokens(a.target);
+    tokens.insert(tokens.end(), a.arguments.begin(), a.arguments.end());
+    return tokens;
+  }
+  Tokens operator()(const AccessAction& a) const { return VerdictTarget(a.action); }
+  // -j NFQUEUE --queue-num 5
+  Tokens operator()(const QueueAction& a) const { return {"NFQUEUE", "--queue-num", Decimal(a.queue)}; }
+  // -j MARK --set-xmark 0x10/0x10
+  Tokens operator()(const MarkAction& a) const {
+    return {"MARK", "--set-xmark", Hex(a.assignMark) + "/" + Hex(a.assignMark)};
+  }
+  // -j TPROXY --on-port 8080 --on-ip 127.0.0.1 --tproxy-mark 0x2/0x2
+  // IPv6 sockets bound to the IPv4 loopback see it as a mapped address.
+  Tokens operator()(const DivertAction& a) const {
+    const std::uint32_t mark = a.assignMark.value_or(0);
+    return {"TPROXY",
+            "--on-port",
+            Decimal(a.divertToPort),
+            "--on-ip",
+            family == IPAddressFamily::IPv4 ? "127.0.0.1" : "::ffff:127.0.0.1",
+            "--tproxy-mark",
+            Hex(mark) + "/" + Hex(mark)};
+  }
+  // -j MASQUERADE
+  Tokens operator()(const NatAction& a) const { return {a.action != 0 ? "MASQUERADE" : "ACCEPT"}; }
+  // -j CONNMARK --set-xmark 0x1/0xff
+  Tokens operator()(const ConnmarkAction& a) const {
+    return {"CONNMARK", "--set-xmark", Hex(a.assignCtmark) + "/" + Hex(a.assignCtmask)};
+  }
+  // -j CONNMARK --save-mark --nfmask 0xff --ctmask 0xff
+  Tokens operator()(const ConnmarkSaveAction& a) const {
+    return {"CONNMARK", "--save-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
+  }
+  // -j CONNMARK --restore-mark --nfmask 0xff --ctmask 0xff
+  Tokens operator()(const ConnmarkRestoreAction& a) const {
+    return {"CONNMARK", "--restore-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
+  }
+  Tokens operator()(const NflogAction& a) const {
+    return NflogTarget(a.nflogPrefix.value_or(""), a.nflogGroup, a.nflogThreshold);
+  }
+  Tokens operator()(const IsolationAction& a) const { return VerdictTarget(a.action); }
+  Tokens operator()(const BypassAction&) const { return {"RETURN"}; }
+};
+
+template <std::size_t... Index>
+RuleAction MakeActionOf(std::size_t kindIndex, std::index_sequence<Index...>) {
+  RuleAction action;
+  const bool made = ((kindIndex == Index && (action.emplace<Index>(), true)) || ...);
+  if (!made) ThrowUnexpectedIndex();
+  return action;
+}
+
+}  // namespace
+
+const char* KindWord(std::size_t kindIndex) {
+  if (kindIndex >= kKindWords.size()) ThrowUnexpectedIndex();
+  return kKindWords[kindIndex];
+}
+
+RuleAction MakeAction(std::size_t kindIndex) {
+  return MakeActionOf(kindIndex, std::make_index_sequence<kActionKindCount>());
+}
+
+std::string NetworkText(const Network& network) {
+  char text[INET6_ADDRSTRLEN] = {};
+  const int af = network.family == IPAddressFamily::IPv4 ? AF_INET : AF_INET6;
+  inet_ntop(af, network.address.data(), text, sizeof(text));
+  return std::string(text) + "/" + Decimal(network.prefixLength);
+}
+
+std::string DescriptionText(const RuleDescription& description) {
+  return KindWord(description.action.index()) + std::string(" ") + ConditionsText(description) +
+         std::visit(ActionFieldsText{}, description.action);
+}
+
+std::ostream& operator<<(std::ostream& out, const RuleDescription& description) {
+  return out << DescriptionText(description);
+}
+
+std::optional<Rule> TranslateDescription(const RuleDescription& description, IPAddressFamily::Type family,
+                                         Side side) {
+  if (!BelongsTo(description.remote, family) || !BelongsTo(description.local, family)) return std::nullopt;
+  Rule rule;
+  rule.match = SplitTokens(MatchText(description, side));
+  rule.target = std::visit(ActionTarget{family}, description.action);
+  return rule;
+}
+
+std::optional<Rule> TranslateEstablished(const RuleDescription& description, IPAddressFamily::Type family,
+                                         Side side, std::optional<ConnDirection> direction) {
+  auto rule = TranslateDescription(description, family, side);
+  if (rule) {
+    const Tokens established = SplitTokens(ConntrackFragment(ConnState::Established, direction));
+    rule->match.insert(rule->match.end(), established.begin(), established.end());
+  }
+  return rule;
+}
+
+}  // namespace qel::firewall

@@ -1,0 +1,65 @@
+#include "firewall/diagnostic_dump.h"
+
+#include <gtest/gtest.h>
+
+namespace qel::firewall {
+namespace {
+
+TEST(DiagnosticDump, TokenListsAreUnquoted) {
+  EXPECT_EQ(DumpTokens({"-p", "tcp"}), R"({"tokens":[-p,tcp]})");
+  EXPECT_EQ(DumpTokens({}), R"({"tokens":[]})");
+}
+
+TEST(DiagnosticDump, StateNestsChainsAndRules) {
+  EXPECT_EQ(DumpRuleList({}), "[]");
+  EXPECT_EQ(DumpState(State{}), R"({"chainList":[]})");
+
+  const Rule accept{{"-p", "tcp"}, {"ACCEPT"}, false, false, "", "ssh", "item_0000", ""};
+  const Rule policy{{}, {"DROP"}, false, true, "ostra", "", "", "Trusted"};
+  const Rule jump{{}, {"vorn_input"}, true, false, "", "", "", ""};
+  const State state{{Chain{"vorn_input", {accept, policy}}, Chain{"INPUT", {jump}}}};
+  EXPECT_EQ(DumpState(state),
+            R"({"chainList":[{"name":"vorn_input", "ruleList":[)"
+            R"({"match":"{"tokens":[-p,tcp]}","target":"{"tokens":[ACCEPT]}","isGoto":"0","isPolicy":"0",)"
+            R"("tag":"","ruleName":"ssh","ruleItem":"item_0000","zoneName":""},)"
+            R"({"match":"{"tokens":[]}","target":"{"tokens":[DROP]}","isGoto":"0","isPolicy":"1",)"
+            R"("tag":"ostra","ruleName":"","ruleItem":"","zoneName":"Trusted"}]},)"
+            R"({"name":"INPUT", "ruleList":[)"
+            R"({"match":"{"tokens":[]}","target":"{"tokens":[vorn_input]}","isGoto":"1","isPolicy":"0",)"
+            R"("tag":"","ruleName":"","ruleItem":"","zoneName":""}]}]})");
+}
+
+TEST(DiagnosticDump, SettingsCharacterForCharacter) {
+  settings::PacketRule ssh;
+  ssh.name = u"ssh \u00e9";
+  ssh.action = settings::PacketRuleAction::Block;
+  ssh.direction = settings::PacketRuleDirection::IncomingPacket;
+  ssh.protocol = settings::PacketRuleProtocol::TCP;
+  ssh.localPorts = u"22";
+  ssh.remoteAddress = u"Trusted";
+  ssh.doLogAttempts = true;
+
+  settings::FirewallSettings s;
+  s.defaultIncomingAction = settings::PacketRuleAction::Block;
+  s.defaultIncomingPacketAction = settings::PacketRuleAction::Allow;
+  s.packetRules = {ssh, settings::PacketRule{}};
+  s.openOstraPorts = true;
+  s.networkZonesTrusted = {u"10.0.0.0/8", u"fe80::/10"};
+  s.networkZonesPublic = {u"192.168.0.1-192.168.0.9"};
+
+  EXPECT_EQ(DumpSettings(s),
+            R"({"defaultIncomingAction":"Block","defaultIncomingPacketAction":"Allow",openOstraPorts":"1",)"
+            R"("packetRules":"[)"
+            R"({"name":"ssh é","action":"Block","direction":"IncomingPacket","protocol":"TCP",)"
+            R"("remotePorts":"Any","localPorts":"22","icmpType":"Any","icmpCode":"Any",)"
+            R"("remoteAddress":"Trusted","localAddress":"Any","doLogAttempts":"1"},)"
+            R"({"name":"","action":"Allow","direction":"IncomingOutgoing","protocol":"Any",)"
+            R"("remotePorts":"Any","localPorts":"Any","icmpType":"Any","icmpCode":"Any",)"
+            R"("remoteAddress":"Any","localAddress":"Any","doLogAttempts":"0"}]",)"
+            R"("networkZonesTrusted":"{"address":[10.0.0.0/8,fe80::/10]}",)"
+            R"("networkZonesLocal":"{"address":[]}",)"
+            R"("networkZonesPublic":"{"address":[192.168.0.1-192.168.0.9]}"})");
+}
+
+}  // namespace
+}  // namespace qel::firewall
