@@ -1,1 +1,190 @@
-// placeholder
+#include "host/settings_ini.h"
+
+#include <boost/algorithm/string/join.hpp>
+#include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/trim.hpp>
+#include <boost/property_tree/ini_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "qel_common/string_conv.h"
+
+namespace qel::host {
+namespace {
+
+namespace pt = boost::property_tree;
+using settings::PacketRuleAction;
+using settings::PacketRuleDirection;
+using settings::PacketRuleProtocol;
+
+constexpr const char* kRulePrefix = "rule ";
+
+[[noreturn]] void Fail(const std::string& section, const std::string& key, const std::string& reason) {
+  throw SettingsError((section.empty() ? "" : "[" + section + "] ") + (key.empty() ? "" : key + ": ") + reason);
+}
+
+// Drops "; comment" and "# comment" tails: a comment marker counts only
+// after a blank, so "10.0.0.0/8;fd00::/8" stays one list.
+std::string StripInlineComments(const std::string& text) {
+  std::istringstream in(text);
+  std::string out;
+  for (std::string line; std::getline(in, line);) {
+    for (std::size_t i = 1; i < line.size(); ++i) {
+      if ((line[i] == ';' || line[i] == '#') && (line[i - 1] == ' ' || line[i - 1] == '\t')) {
+        line.erase(i);
+        break;
+      }
+    }
+    out += line + '\n';
+  }
+  return out;
+}
+
+template <class E>
+E ParseEnum(const std::string& section, const std::string& key, const std::string& value,
+            std::initializer_list<const char*> names) {
+  E result{};
+  if (!settings::EnumFromString(value, result)) {
+    Fail(section, key, "'" + value + "' is not one of " + boost::algorithm::join(std::vector<std::string>(names.begin(), names.end()), ", "));
+  }
+  return result;
+}
+
+PacketRuleAction ParseAction(const std::string& section, const std::string& key, const std::string& value) {
+  return ParseEnum<PacketRuleAction>(section, key, value, {"Allow", "Block"});
+}
+
+bool ParseBool(const std::string& section, const std::string& key, const std::string& value) {
+  if (value == "true") return true;
+  if (value == "false") return false;
+  Fail(section, key, "'" + value + "' is not one of true, false");
+}
+
+// "a; b;;c" -> {a, b, c}
+std::vector<oro::string16_t> ParseList(const std::string& value) {
+  std::vector<oro::string16_t> items;
+  std::istringstream in(value);
+  for (std::string item; std::getline(in, item, ';');) {
+    boost::algorithm::trim(item);
+    if (!item.empty()) items.push_back(tools::ToUtf16(item));
+  }
+  return items;
+}
+
+void RejectUnknownKeys(const std::string& section, const pt::ptree& keys, const std::set<std::string>& known) {
+  for (const auto& [key, value] : keys) {
+    if (!value.empty()) Fail(section, key, "unexpected subsection");
+    if (!known.count(key)) {
+      Fail(section, key, "unknown key (expected one of " + boost::algorithm::join(known, ", ") + ")");
+    }
+  }
+}
+
+void ReadGlobalSettings(const pt::ptree& keys, settings::FirewallSettings& out) {
+  const std::string section = "settings";
+  RejectUnknownKeys(section, keys,
+                    {"defaultIncomingAction", "defaultIncomingPacketAction", "openOstraPorts", "networkZonesTrusted",
+                     "networkZonesLocal", "networkZonesPublic"});
+  for (const auto& [key, node] : keys) {
+    const std::string value = boost::algorithm::trim_copy(node.data());
+    if (key == "defaultIncomingAction") out.defaultIncomingAction = ParseAction(section, key, value);
+    if (key == "defaultIncomingPacketAction") out.defaultIncomingPacketAction = ParseAction(section, key, value);
+    if (key == "openOstraPorts") out.openOstraPorts = ParseBool(section, key, value);
+    if (key == "networkZonesTrusted") out.networkZonesTrusted = ParseList(value);
+    if (key == "networkZonesLocal") out.networkZonesLocal = ParseList(value);
+    if (key == "networkZonesPublic") out.networkZonesPublic = ParseList(value);
+  }
+}
+
+settings::PacketRule ReadRule(const std::string& section, const pt::ptree& keys) {
+  RejectUnknownKeys(section, keys,
+                    {"name", "action", "direction", "protocol", "remotePorts", "localPorts", "icmpType", "icmpCode",
+                     "remoteAddress", "localAddress", "doLogAttempts"});
+  for (const char* required : {"action", "direction"}) {
+    if (keys.find(required) == keys.not_found()) Fail(section, required, "missing (it is required)");
+  }
+  settings::PacketRule rule;
+  rule.name = tools::ToUtf16(section.substr(std::string(kRulePrefix).size()));
+  for (const auto& [key, node] : keys) {
+    const std::string value = boost::algorithm::trim_copy(node.data());
+    const auto text = [&] { return tools::ToUtf16(value); };
+    if (key == "name") rule.name = text();
+    if (key == "action") rule.action = ParseAction(section, key, value);
+    if (key == "direction") {
+      rule.direction = ParseEnum<PacketRuleDirection>(
+          section, key, value,
+          {"IncomingOutgoing", "Incoming", "Outgoing", "IncomingOutgoingPacket", "IncomingPacket", "OutgoingPacket"});
+    }
+    if (key == "protocol") {
+      rule.protocol =
+          ParseEnum<PacketRuleProtocol>(section, key, value, {"Any", "ICMP", "IGMP", "TCP", "UDP", "GRE", "ICMPv6"});
+    }
+    if (key == "remotePorts") rule.remotePorts = text();
+    if (key == "localPorts") rule.localPorts = text();
+    if (key == "icmpType") rule.icmpType = text();
+    if (key == "icmpCode") rule.icmpCode = text();
+    if (key == "remoteAddress") rule.remoteAddress = text();
+    if (key == "localAddress") rule.localAddress = text();
+    if (key == "doLogAttempts") rule.doLogAttempts = ParseBool(section, key, value);
+  }
+  return rule;
+}
+
+// The section and key that hold a field named by the rule compiler.
+std::string SectionOfCompileError(const firewall::RuleCompileError& e, const LoadedSettings& loaded) {
+  if (e.RuleIndex() < loaded.ruleSections.size()) return loaded.ruleSections[e.RuleIndex()];
+  return "settings";
+}
+
+}  // namespace
+
+LoadedSettings ParseSettingsIni(std::istream& in) {
+  std::stringstream cleaned(StripInlineComments(std::string(std::istreambuf_iterator<char>(in), {})));
+  pt::ptree tree;
+  try {
+    pt::ini_parser::read_ini(cleaned, tree);
+  } catch (const pt::ini_parser_error& e) {
+    throw SettingsError("line " + std::to_string(e.line()) + ": " + e.message());
+  }
+  LoadedSettings loaded;
+  for (const auto& [section, keys] : tree) {
+    if (section == "settings") {
+      ReadGlobalSettings(keys, loaded.settings);
+    } else if (boost::algorithm::starts_with(section, kRulePrefix) && section.size() > std::string(kRulePrefix).size()) {
+      loaded.settings.packetRules.push_back(ReadRule(section, keys));
+      loaded.ruleSections.push_back(section);
+    } else if (keys.empty() && !keys.data().empty()) {
+      Fail("", section, "key outside of any section");
+    } else {
+      Fail(section, "", "unknown section (expected [settings] or [rule NAME])");
+    }
+  }
+  return loaded;
+}
+
+LoadedSettings LoadSettingsFile(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw SettingsError(path + ": cannot be read");
+  try {
+    return ParseSettingsIni(in);
+  } catch (const SettingsError& e) {
+    throw SettingsError(path + ": " + e.what());
+  }
+}
+
+firewall::CompiledRules CompileFamily(const LoadedSettings& loaded, types::IPAddressFamily::Type family,
+                                      bool suitableConntrack) {
+  try {
+    return firewall::CompileRules(loaded.settings, family, suitableConntrack);
+  } catch (const firewall::RuleCompileError& e) {
+    Fail(SectionOfCompileError(e, loaded), e.Field(), "'" + e.Value() + "': " + e.Reason());
+  }
+}
+
+void ValidateRuleFields(const LoadedSettings& loaded) {
+  for (auto family : {types::IPAddressFamily::IPv4, types::IPAddressFamily::IPv6}) CompileFamily(loaded, family, true);
+}
+
+}  // namespace qel::host

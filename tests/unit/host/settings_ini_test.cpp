@@ -1,0 +1,118 @@
+#include "host/settings_ini.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "host/compile_command.h"
+
+namespace qel::host {
+namespace {
+
+using settings::PacketRuleAction;
+using settings::PacketRuleDirection;
+using settings::PacketRuleProtocol;
+
+LoadedSettings Parse(const std::string& text) {
+  std::istringstream in(text);
+  return ParseSettingsIni(in);
+}
+
+std::string ErrorOf(const std::string& text) {
+  try {
+    ValidateRuleFields(Parse(text));
+  } catch (const SettingsError& e) {
+    return e.what();
+  }
+  return "";
+}
+
+TEST(SettingsIni, ReadsSettingsAndRulesInFileOrder) {
+  const auto loaded = Parse(
+      "[settings]\n"
+      "defaultIncomingAction = Allow            ; Allow | Block\n"
+      "openOstraPorts = true\n"
+      "networkZonesTrusted = 10.0.0.0/8; fd00::/8\n"
+      "[rule ssh]\n"
+      "action = Allow\n"
+      "direction = Incoming   ; stateful\n"
+      "protocol = TCP\n"
+      "localPorts = 22\n"
+      "doLogAttempts = true\n"
+      "[rule second]\n"
+      "name = Block Telnet\n"
+      "action = Block\n"
+      "direction = OutgoingPacket\n");
+  const auto& s = loaded.settings;
+  EXPECT_EQ(s.defaultIncomingAction, PacketRuleAction::Allow);
+  EXPECT_EQ(s.defaultIncomingPacketAction, PacketRuleAction::Allow);
+  EXPECT_TRUE(s.openOstraPorts);
+  EXPECT_EQ(s.networkZonesTrusted, (std::vector<std::u16string>{u"10.0.0.0/8", u"fd00::/8"}));
+  ASSERT_EQ(s.packetRules.size(), 2u);
+  EXPECT_EQ(s.packetRules[0].name, u"ssh");
+  EXPECT_EQ(s.packetRules[0].direction, PacketRuleDirection::Incoming);
+  EXPECT_EQ(s.packetRules[0].protocol, PacketRuleProtocol::TCP);
+  EXPECT_EQ(s.packetRules[0].localPorts, u"22");
+  EXPECT_EQ(s.packetRules[0].remotePorts, u"Any");
+  EXPECT_TRUE(s.packetRules[0].doLogAttempts);
+  EXPECT_EQ(s.packetRules[1].name, u"Block Telnet");
+  EXPECT_EQ(s.packetRules[1].protocol, PacketRuleProtocol::Any);
+  EXPECT_EQ(loaded.ruleSections, (std::vector<std::string>{"rule ssh", "rule second"}));
+}
+
+TEST(SettingsIni, ErrorsNameSectionKeyAndReason) {
+  const std::string rule = "[rule ssh]\naction = Allow\ndirection = Incoming\n";
+  struct Case {
+    std::string text;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"[rule ssh]\naction = Allow\n", "[rule ssh] direction: missing (it is required)"},
+      {"[rule ssh]\naction = allow\ndirection = Incoming\n", "[rule ssh] action: 'allow' is not one of Allow, Block"},
+      {rule + "protocol = SCTP\n", "[rule ssh] protocol: 'SCTP' is not one of Any, ICMP"},
+      {rule + "colour = blue\n", "[rule ssh] colour: unknown key"},
+      {rule + "doLogAttempts = yes\n", "[rule ssh] doLogAttempts: 'yes' is not one of true, false"},
+      {"[firewall]\nx = 1\n", "[firewall] unknown section"},
+      {"[settings]\nopenOstraPorts = maybe\n", "[settings] openOstraPorts: 'maybe'"},
+      {rule + "remoteAddress = 10.0.0.300\n", "[rule ssh] remoteAddress: '10.0.0.300': Invalid format of ip address"},
+      {rule + "protocol = TCP\nlocalPorts = 22x\n", "[rule ssh] localPorts: '22x': bad lexical cast"},
+      {rule + "action = Block\n", "duplicate key name"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_NE(ErrorOf(c.text).find(c.error), std::string::npos) << "got: " << ErrorOf(c.text);
+  }
+}
+
+TEST(CompileCommand, PrintsBothFamiliesOrOnlyTheErrorOnStderr) {
+  const std::string dir = ::testing::TempDir();
+  const std::string good = dir + "/good.ini", bad = dir + "/bad.ini";
+  std::ofstream(good) << "[rule ping6]\naction = Block\ndirection = IncomingPacket\nprotocol = ICMPv6\n"
+                         "icmpType = 128\nlocalAddress = fe80::/10\n";
+  std::ofstream(bad) << "[rule ssh]\naction = Allow\ndirection = Incoming\nremoteAddress = 10.0.0.0/33\n";
+
+  std::ostringstream out, err;
+  EXPECT_EQ(RunCompileCommand(good, std::nullopt, out, err), 0);
+  const std::string text = out.str();
+  const auto v4in = text.find("# IPv4 incoming\n-i lo -j ACCEPT\n");
+  const auto v4out = text.find("# IPv4 outgoing\n-o lo -j ACCEPT\n");
+  const auto v6in = text.find("# IPv6 incoming\n-i lo -j ACCEPT\n"
+                              "-d fe80::/10 -p ipv6-icmp -m icmp6 --icmpv6-type 128 -j DROP item_0000 name ping6\n");
+  const auto v6out = text.find("# IPv6 outgoing\n");
+  EXPECT_TRUE(v4in < v4out && v4out < v6in && v6in < v6out && v6out != std::string::npos) << text;
+  EXPECT_TRUE(err.str().empty());
+
+  std::ostringstream onlyV4;
+  EXPECT_EQ(RunCompileCommand(good, types::IPAddressFamily::IPv4, onlyV4, err), 0);
+  EXPECT_EQ(onlyV4.str().find("IPv6"), std::string::npos);
+
+  std::ostringstream badOut, badErr;
+  EXPECT_NE(RunCompileCommand(bad, std::nullopt, badOut, badErr), 0);
+  EXPECT_TRUE(badOut.str().empty());
+  EXPECT_NE(badErr.str().find("[rule ssh] remoteAddress: '10.0.0.0/33': invalid mask in network address"),
+            std::string::npos)
+      << badErr.str();
+}
+
+}  // namespace
+}  // namespace qel::host
