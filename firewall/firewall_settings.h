@@ -16,6 +16,10 @@ struct IPAddressFamily {
 
 namespace qel::settings {
 
+// Packet rule i (0-based) that logs uses NFLOG group MinNflogGroup + i; the
+// packet logger subtracts it again to find the rule a packet belongs to.
+inline constexpr std::uint16_t MinNflogGroup = 10001;
+
 enum class PacketRuleAction : std::uint32_t { Allow = 0, Block = 1 };
 
 enum class PacketRuleDirection : std::uint32_t {

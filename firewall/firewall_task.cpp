@@ -41,7 +41,10 @@ void FirewallTask::FinalRelease() noexcept {
 NflogGroupList FirewallTask::GetLogGroups(const FirewallSettings& settings) {
   NflogGroupList groups;
   for (std::size_t i = 0; i < settings.packetRules.size(); ++i) {
-    if (settings.packetRules[i].doLogAttempts) groups.push_back(static_cast<std::uint16_t>(MinNflogGroup + i));
+    // Rules past the last 16-bit group cannot log; the compiler refuses them.
+    if (settings.packetRules[i].doLogAttempts && MinNflogGroup + i <= 65535) {
+      groups.push_back(static_cast<std::uint16_t>(MinNflogGroup + i));
+    }
   }
   return groups;
 }

@@ -22,9 +22,6 @@ using tools::IpVersion;
 using tools::PortRange;
 
 constexpr char kAny[] = "Any";
-// The group of the first packet rule; the rule logger subtracts it again to
-// find the rule a logged packet belongs to.
-constexpr std::size_t kMinNflogGroup = 10001;
 
 // Raised by MakeRule for an address or protocol of the other family. It only
 // means that the address pair belongs to the other family's rule set.
@@ -83,6 +80,15 @@ void CheckEnumValue(const RuleFields& rule, const char* field, Enum value) {
              [value](const std::string&) { return settings::EnumToString(value); });
 }
 
+// NFLOG groups are 16-bit: a logging rule too far down the list has none.
+void CheckLogGroup(const RuleFields& rule) {
+  constexpr std::size_t kLastLoggableIndex = 65535 - settings::MinNflogGroup;
+  if (rule.doLogAttempts && rule.index > kLastLoggableIndex) {
+    throw RuleCompileError(rule.index, rule.name, "doLogAttempts", "true",
+                           "only the first " + std::to_string(kLastLoggableIndex + 1) + " packet rules can log");
+  }
+}
+
 RuleFields ReadRule(std::size_t index, const PacketRule& rule) {
   RuleFields fields{index,
                     tools::ToUtf8(rule.name),
@@ -100,6 +106,7 @@ RuleFields ReadRule(std::size_t index, const PacketRule& rule) {
   CheckEnumValue(fields, "action", fields.action);
   CheckEnumValue(fields, "direction", fields.direction);
   CheckEnumValue(fields, "protocol", fields.protocol);
+  CheckLogGroup(fields);
   return fields;
 }
 
@@ -380,7 +387,7 @@ class FamilyCompiler {
 
     void operator()(std::vector<Rule>& list, const Tokens& match, bool log) const {
       if (log) {
-        const auto group = static_cast<int>(kMinNflogGroup + rule.index);
+        const auto group = static_cast<int>(settings::MinNflogGroup + rule.index);
         list.push_back(Labelled(match, NflogTarget(settings::EnumToString(rule.action), group)));
       }
       list.push_back(Labelled(match, ActionTarget(rule.action)));

@@ -6,12 +6,12 @@
 #include <memory>
 #include <vector>
 
+#include "firewall/firewall_settings.h"
 #include "oro/object.h"
 
 namespace qel::firewall {
 
-// Packet rule i (0-based) that logs uses NFLOG group MinNflogGroup + i.
-inline constexpr std::uint16_t MinNflogGroup = 10001;
+using settings::MinNflogGroup;
 
 using NflogGroupList = std::vector<std::uint16_t>;
 

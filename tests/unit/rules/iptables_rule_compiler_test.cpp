@@ -259,6 +259,15 @@ TEST(IptablesRuleCompilerTest, RuleItemsWidenBeyondFourDigits) {
   ASSERT_EQ(produced.size(), 20002u);
   EXPECT_EQ(produced[19999], "-p tcp -j ACCEPT item_9999");
   EXPECT_EQ(produced[20000], "-p tcp -j NFLOG --nflog-prefix Allow --nflog-group 20001 item_10000");
+
+  // NFLOG groups end at 65535: the rule after that one cannot log.
+  rules.assign(55536, {.direction = PacketRuleDirection::IncomingPacket, .protocol = PacketRuleProtocol::TCP});
+  rules.back().doLogAttempts = true;
+  EXPECT_THROW(CompileRules(With(rules), kV4, true), RuleCompileError);
+  rules.pop_back();
+  rules.back().doLogAttempts = true;
+  EXPECT_EQ(Produced(CompileRules(With(rules), kV4, true).incoming)[55534],
+            "-p tcp -j NFLOG --nflog-prefix Allow --nflog-group 65535 item_55534");
 }
 
 struct ErrorCase {
