@@ -2,6 +2,8 @@
 #pragma once
 
 #include "firewall/firewall_settings.h"
+#include "firewall/rule_description.h"
+#include "firewall/rule_model.h"
 #include "oro/object.h"
 
 namespace qel::firewall {
@@ -32,6 +34,42 @@ struct IPacketRules : oro::IObject {
 struct IOstraPortsControl : oro::IObject {
   static constexpr oro::iid_t iid = oro::iid::IOstraPortsControl;
   virtual oro::result_t SetApply(bool doApply) noexcept = 0;
+};
+
+// Dynamic rules that other components add and remove under their own tags.
+struct IDynamicRules : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::IDynamicRules;
+  virtual oro::result_t AddRules(const RuleDescriptions& rules, const std::string& tag) noexcept = 0;
+  // Removes every stored rule equal to one of `rules`, whatever its tag.
+  virtual oro::result_t RemoveRules(const RuleDescriptions& rules) noexcept = 0;
+};
+
+// Reads one table of one address family from the kernel.
+struct IFirewallStateQuery : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::IFirewallStateQuery;
+  virtual oro::result_t GetState(types::IPAddressFamily::Type family, const std::string& table,
+                                 State& out) const noexcept = 0;
+};
+
+// Applies a change list to one table of one address family, atomically.
+struct IFirewallStateChange : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::IFirewallStateChange;
+  virtual oro::result_t ChangeState(types::IPAddressFamily::Type family, const std::string& table,
+                                    const ChangeList& changes) noexcept = 0;
+};
+
+// What the host's iptables tools can do, probed once.
+struct IIptablesInfoProvider : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::IIptablesInfoProvider;
+  virtual bool IsVersionKnown() const noexcept = 0;
+  virtual const char* GetIptables() const noexcept = 0;
+  virtual const char* GetIp6tables() const noexcept = 0;
+  virtual const char* GetIptablesRestore() const noexcept = 0;
+  virtual const char* GetIp6tablesRestore() const noexcept = 0;
+  virtual bool IsVersionAtLeast_1_4_8() const noexcept = 0;
+  // "-w" (wait for the xtables lock) exists from 1.4.20 on.
+  virtual bool SupportsWaitOption() const noexcept = 0;
+  virtual bool IsIpv6Supported() const noexcept = 0;
 };
 
 }  // namespace qel::firewall

@@ -1,0 +1,75 @@
+// Running an external tool as a child process from a known place with a
+// known environment, feeding it input, capturing its output, and never
+// leaving a child behind.
+#pragma once
+
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "oro/result.h"
+
+namespace qel::tools {
+
+enum class SpawnFinishReason {
+  NormalEnd,
+  InputPipeFailed,
+  OutputPipeFailed,
+  ProgramNotFound,
+  ForkFailed,
+  WaitpidFailed,
+  SendSigtermFailed,
+  SendSigkillFailed,
+  WaitSigkillFailed,
+};
+
+struct SpawnLimit {
+  int resource;  // RLIMIT_*
+  rlim_t soft;
+  rlim_t hard;
+};
+
+struct SpawnContext {
+  std::string program;              // argv[0]; resolved in the fixed search path unless absolute
+  std::vector<std::string> argv;    // argv[0] is the program name
+  std::vector<std::string> envp;    // defaults to the filtered environment
+  std::optional<std::string> workingDirectory;
+  std::uint32_t uid = 0;            // 0: unchanged
+  std::uint32_t gid = 0;            // 0: unchanged
+  std::vector<gid_t> groups;        // empty: unchanged
+  std::optional<std::string> input;        // written to the child's stdin
+  std::optional<std::string> output;       // present: stdout is captured into it
+  std::optional<std::string> errorOutput;  // present: stderr is captured into it
+  std::vector<SpawnLimit> rlimits;         // defaults to RLIMIT_NOFILE 20480/20480
+  std::int64_t timeoutMs = 0;              // <= 0: no time limit
+  std::int64_t termGraceMs = 200;          // SIGTERM to SIGKILL
+
+  // Filled by the run.
+  oro::result_t result = oro::errOk;
+  SpawnFinishReason reason = SpawnFinishReason::NormalEnd;
+  int systemError = 0;                  // errno of the failed system call
+  std::optional<int> exitCode;          // the child exited
+  std::optional<int> termSignal;        // a signal ended the child
+};
+
+// Fills the defaults; program = argv[0].
+void InitSpawnContext(SpawnContext& context, std::vector<std::string> argv);
+
+// Runs the child to its end. Success means the child ran and was reaped,
+// whatever its exit code. The result is also stored in the context.
+oro::result_t SecureSpawn(SpawnContext& context);
+
+// "Program iptables -t filter -S finished with reason: 0x00000000 (Success), Exit code: 0, output: '...'"
+void FormatSpawnResult(std::ostream& out, const SpawnContext& context);
+std::string SpawnReport(const SpawnContext& context);
+
+// The process-wide environment children get: the fixed PATH and the
+// locale/terminal variables of the parent.
+const std::vector<std::string>& FilteredEnvironment();
+
+}  // namespace qel::tools
