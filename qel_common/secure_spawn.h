@@ -35,9 +35,11 @@ struct SpawnLimit {
 };
 
 struct SpawnContext {
-  std::string program;              // argv[0]; resolved in the fixed search path unless absolute
+  std::string program;              // argv[0]; absolute, or a plain name found in the fixed search path
   std::vector<std::string> argv;    // argv[0] is the program name
   std::vector<std::string> envp;    // defaults to the filtered environment
+  // The child gets at most the first 50 entries of argv and of envp, each cut
+  // to 4095 characters.
   std::optional<std::string> workingDirectory;
   std::uint32_t uid = 0;            // 0: unchanged
   std::uint32_t gid = 0;            // 0: unchanged
@@ -61,7 +63,14 @@ struct SpawnContext {
 void InitSpawnContext(SpawnContext& context, std::vector<std::string> argv);
 
 // Runs the child to its end. Success means the child ran and was reaped,
-// whatever its exit code. The result is also stored in the context.
+// whatever its exit code; a run cut short by timeoutMs yields errTimeout even
+// when the child was then reaped. The result is also stored in the context.
+//
+// Each standard descriptor has exactly one optional source or sink in the
+// context, so its redirections cannot contradict each other. A context that
+// cannot be run as given is refused with errInvalidArgument before anything
+// is created: no program, no argv, or a text with an embedded NUL (the C
+// strings handed to the child would silently end there).
 oro::result_t SecureSpawn(SpawnContext& context);
 
 // "Program iptables -t filter -S finished with reason: 0x00000000 (Success), Exit code: 0, output: '...'"
@@ -69,7 +78,11 @@ void FormatSpawnResult(std::ostream& out, const SpawnContext& context);
 std::string SpawnReport(const SpawnContext& context);
 
 // The process-wide environment children get: the fixed PATH and the
-// locale/terminal variables of the parent.
+// locale/terminal variables of the parent, taken once on first use.
 const std::vector<std::string>& FilteredEnvironment();
+
+// The fixed PATH followed by the locale/terminal entries of `environment`, a
+// null-terminated block as in environ.
+std::vector<std::string> FilterEnvironment(const char* const* environment);
 
 }  // namespace qel::tools
