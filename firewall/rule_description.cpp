@@ -366,8 +366,10 @@ std::string NetworkText(const Network& network) {
 }
 
 std::string DescriptionText(const RuleDescription& description) {
+  // Incoming is the common case and goes unmentioned.
+  const char* side = description.side == Side::Outgoing ? " side outgoing" : "";
   return KindWord(description.action.index()) + std::string(" ") + ConditionsText(description) +
-         std::visit(ActionFieldsText{}, description.action);
+         std::visit(ActionFieldsText{}, description.action) + side;
 }
 
 std::ostream& operator<<(std::ostream& out, const RuleDescription& description) {

@@ -139,6 +139,9 @@ inline constexpr std::size_t kActionKindCount = std::variant_size_v<RuleAction>;
 
 // Every condition is optional; an absent one does not restrict the rule.
 struct RuleDescription {
+  // Which traffic the rule is for; it decides where the firewall places it
+  // and which way round its addresses and ports are written.
+  Side side = Side::Incoming;
   std::optional<std::uint8_t> protocol;  // IP protocol number, 0 = any
   std::optional<Network> remote;
   std::optional<Network> local;

@@ -21,6 +21,7 @@ inline constexpr iid_t ITimer = 0x58e1a0c4;
 inline constexpr iid_t IRunnable = 0x7a2d44f0;
 inline constexpr iid_t IEventPublisher = 0x4f6b9e27;
 inline constexpr iid_t IStorage = 0x2e85c7d3;
+inline constexpr iid_t IServiceShutdown = 0x13f6b8e5;
 
 // Firewall task
 inline constexpr iid_t IFirewallTaskConstruct = 0x5a22f946;

@@ -66,4 +66,17 @@ class FakeRuleLogger final : public firewall::RuleLogger {
   std::shared_ptr<CallJournal> m_journal;
 };
 
+class FakeInfoProvider final : public ObjectImpl<FakeInfoProvider, firewall::IIptablesInfoProvider> {
+ public:
+  bool IsVersionKnown() const noexcept override { return true; }
+  const char* GetIptables() const noexcept override { return "iptables"; }
+  const char* GetIp6tables() const noexcept override { return "ip6tables"; }
+  const char* GetIptablesRestore() const noexcept override { return "iptables-restore"; }
+  const char* GetIp6tablesRestore() const noexcept override { return "ip6tables-restore"; }
+  bool IsVersionAtLeast_1_4_8() const noexcept override { return true; }
+  bool SupportsWaitOption() const noexcept override { return true; }
+  bool IsIpv6Supported() const noexcept override { return ipv6; }
+  bool ipv6 = true;
+};
+
 }  // namespace qel::test

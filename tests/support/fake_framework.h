@@ -6,7 +6,9 @@
 #include <utility>
 #include <vector>
 
+#include "oro/event_publisher.h"
 #include "oro/task.h"
+#include "oro/timer.h"
 #include "oro/tracer.h"
 #include "qel_common/object_impl.h"
 
@@ -70,6 +72,43 @@ class FakeStopEvents final : public ObjectImpl<FakeStopEvents, oro::ITaskStopEve
     completions.emplace_back(completion.result, completion.text);
   }
   std::vector<std::pair<oro::result_t, std::string>> completions;
+};
+
+// A timer whose jobs run only when the test says so.
+class FakeTimer final : public ObjectImpl<FakeTimer, oro::ITimer> {
+ public:
+  oro::result_t SetRepeated(oro::IRunnable* job, std::uint32_t intervalMs) noexcept override {
+    m_job = oro::RefPtr<oro::IRunnable>::Share(job);
+    interval = intervalMs;
+    return oro::errOk;
+  }
+  oro::result_t CancelAndWait(oro::IRunnable* job) noexcept override {
+    if (m_job.Get() == job) m_job.Reset();
+    ++cancels;
+    return oro::errOk;
+  }
+  bool Armed() const { return static_cast<bool>(m_job); }
+  // Runs the armed job once, as the timer thread would.
+  oro::result_t Fire() { return m_job ? m_job->Run() : oro::errInvalidState; }
+
+  std::uint32_t interval = 0;
+  int cancels = 0;
+
+ private:
+  oro::RefPtr<oro::IRunnable> m_job;
+};
+
+class FakePublisher final : public ObjectImpl<FakePublisher, oro::IEventPublisher> {
+ public:
+  oro::result_t PublishEvent(oro::Event&& event) noexcept override {
+    std::lock_guard lock(m_mutex);
+    events.push_back(std::move(event));
+    return oro::errOk;
+  }
+  std::vector<oro::Event> events;
+
+ private:
+  std::mutex m_mutex;
 };
 
 template <class T, class... Args>

@@ -1,0 +1,48 @@
+// Where the module's rules stand in the kernel: which chains of which table
+// hold them, and how the built-in chains reach those chains. See
+// docs/chain-layout.md for the reasons.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "firewall/firewall_settings.h"
+#include "firewall/iptables_rule_compiler.h"
+#include "firewall/rule_description.h"
+#include "firewall/rule_model.h"
+
+namespace qel::firewall {
+
+// Shared chains are the kernel's built-in chains: only the module's own
+// jumps in them are managed. Owned chains belong wholly to the module, so
+// any other rule found in them is foreign and removed.
+enum class ChainKind { Shared = 0, Owned = 1 };
+
+inline constexpr std::string_view kFilterTable = "filter";
+inline constexpr std::string_view kMangleTable = "mangle";
+inline constexpr std::string_view kNatTable = "nat";
+
+// A dynamic rule with the tag of the client that asked for it.
+struct TaggedRule {
+  RuleDescription description;
+  std::string tag;
+};
+
+class ChainLayout {
+ public:
+  // The tables the module may hold rules in, in the order they are synced.
+  static const std::vector<std::string>& Tables();
+
+  static ChainKind KindOf(std::string_view chain);
+  static bool IsModuleChain(std::string_view chain);
+
+  // The rules the module wants in `table` of `family`: the compiled packet
+  // rules (none while not enforcing), and the dynamic rules by kind and side.
+  // Chains come in layout order; a chain without rules is left out, and so
+  // is the jump to it.
+  static State WantedState(types::IPAddressFamily::Type family, std::string_view table,
+                           const CompiledRules* compiled, const std::vector<TaggedRule>& dynamic);
+};
+
+}  // namespace qel::firewall

@@ -1,0 +1,388 @@
+#include "firewall/firewall_service.h"
+
+#include <algorithm>
+
+#include "firewall/diagnostic_dump.h"
+#include "firewall/table_reconciler.h"
+#include "qel_common/service_locator.h"
+#include "qel_tracing/guard.h"
+
+namespace qel::firewall {
+
+using oro::result_t;
+using settings::FirewallSettings;
+using tracing::Detail;
+using tracing::Error;
+using tracing::Warning;
+using types::IPAddressFamily;
+
+namespace {
+
+constexpr const char* kShutdownMessage = " Rules will be cleared on shutdown complete. skip apply changes";
+
+// The timer's handle on the service. The service cancels it and waits for
+// a running poll before it goes, so the raw pointer never dangles.
+class PollHandler final : public ObjectImpl<PollHandler, oro::IRunnable> {
+ public:
+  explicit PollHandler(FirewallService* service) : m_service(service) {}
+  result_t Run() noexcept override { return m_service->RunPoll(); }
+
+ private:
+  FirewallService* m_service;
+};
+
+std::string TableLabel(IPAddressFamily::Type family, const std::string& table) {
+  return std::string(settings::EnumToString(family)) + " " + table;
+}
+
+void AppendEntries(std::ostringstream& out, IPAddressFamily::Type family, const std::string& table,
+                   const std::vector<ChainRule>& entries) {
+  for (const auto& [chain, rule] : entries) {
+    out << TableLabel(family, table) << " " << chain << ": " << RuleText(rule) << "\n";
+  }
+}
+
+bool IsEmpty(const State& state) { return state.chainList.empty(); }
+
+}  // namespace
+
+FirewallService::FirewallService(oro::IServiceLocator* locator, bool suitableConntrack)
+    : m_locator(locator), m_suitableConntrack(suitableConntrack) {
+  result_t ignored;
+  m_tracer = tracing::Tracer(TryGetInterface<oro::ITracer>(locator, ignored));
+}
+
+result_t FirewallService::FinalConstruct() {
+  result_t r;
+  m_pollTimer = TryGetInterface<oro::ITimer>(m_locator, r);
+  if (!m_pollTimer) {
+    m_tracer.Write(Error, "Cannot get ITimer interface");
+    return r;
+  }
+  m_eventPublisher = TryGetInterface<oro::IEventPublisher>(m_locator, r);
+  if (!m_eventPublisher) {
+    m_tracer.Write(Error, "Cannot get IEventPublisher interface");
+    return r;
+  }
+  m_infoProvider = TryGetInterface<IIptablesInfoProvider>(m_locator, r);
+  if (!m_infoProvider) {
+    m_tracer.Write(Error, "Cannot get IIptablesInfoProvider interface");
+    return r;
+  }
+  m_pollHandler = oro::RefPtr<oro::IRunnable>::Adopt(new PollHandler(this));
+  m_tracer.Write(Warning, "FirewallService", ": g_isSuitableConntrack = ", m_suitableConntrack ? 1 : 0);
+  return oro::errOk;
+}
+
+void FirewallService::FinalRelease() noexcept {
+  try {
+    m_tracer.Write(Detail, "FinalRelease", "() ");
+    if (m_pollTimer) QEL_CHECKED_CALL(m_tracer, m_pollTimer->CancelAndWait(m_pollHandler.Get()), "");
+    m_tracer.Write(Detail, "FinalRelease", ": ", "Cleaning rules");
+    bool wasEnforcing;
+    {
+      std::lock_guard lock(m_mutex);
+      m_packetRules.reset();
+      m_compiled.reset();
+      m_dynamicRules.clear();
+      wasEnforcing = std::exchange(m_enforce, false);
+      m_polling = false;
+    }
+    SyncFirewallState(wasEnforcing);
+  } catch (...) {
+    // Nothing can be reported from here; the next start of the module
+    // cleans up whatever is left.
+  }
+}
+
+result_t FirewallService::OnShutdown() noexcept {
+  return tracing::Guarded(m_tracer, "OnShutdown", [&] {
+    m_tracer.Write(Detail, "OnShutdown", "() ");
+    m_shuttingDown = true;
+    return oro::errOk;
+  });
+}
+
+bool FirewallService::SkipShuttingDown(const char* function) {
+  if (!m_shuttingDown) return false;
+  m_tracer.Write(Warning, function, ": ", kShutdownMessage);
+  return true;
+}
+
+FirewallService::Compiled FirewallService::Compile(const FirewallSettings& rules) const {
+  return Compiled{CompileRules(rules, IPAddressFamily::IPv4, m_suitableConntrack, m_tracer),
+                  CompileRules(rules, IPAddressFamily::IPv6, m_suitableConntrack, m_tracer)};
+}
+
+result_t FirewallService::SetPacketRules(const FirewallSettings& rules) noexcept {
+  return tracing::Guarded(m_tracer, "SetPacketRules", [&] {
+    if (m_tracer.Enabled(Detail)) m_tracer.Write(Detail, "SetPacketRules", "() ", DumpSettings(rules));
+    if (SkipShuttingDown("SetPacketRules")) return oro::errOk;
+    return DoSetPacketRules(rules);
+  });
+}
+
+// Settings that do not compile, or that the kernel refuses, leave the
+// rules in force and the stored settings as they were.
+result_t FirewallService::DoSetPacketRules(const FirewallSettings& rules) {
+  Compiled compiled;
+  try {
+    compiled = Compile(rules);
+  } catch (const RuleCompileError& e) {
+    m_tracer.Write(Error, "SetPacketRules", ": ", "Cannot compile packet rules: ", e.what());
+    return e.Code();
+  }
+  std::optional<FirewallSettings> oldRules;
+  std::optional<Compiled> oldCompiled;
+  {
+    std::lock_guard lock(m_mutex);
+    oldRules = std::exchange(m_packetRules, rules);
+    oldCompiled = std::exchange(m_compiled, std::move(compiled));
+  }
+  const result_t r = SyncFirewallState();
+  if (ORO_FAILED(r)) {
+    m_tracer.Write(Error, "SetPacketRules", ": ", "Cannot apply packet rules, the previous rules stay in force");
+    {
+      std::lock_guard lock(m_mutex);
+      m_packetRules = std::move(oldRules);
+      m_compiled = std::move(oldCompiled);
+    }
+    SyncFirewallState();
+  }
+  return r;
+}
+
+result_t FirewallService::AddRules(const RuleDescriptions& rules, const std::string& tag) noexcept {
+  return tracing::Guarded(m_tracer, "AddRules", [&] {
+    if (m_tracer.Enabled(Detail)) {
+      std::ostringstream text;
+      for (const auto& rule : rules) text << "\n  " << rule;
+      m_tracer.Write(Detail, "AddRules", "() ", "tag=", tag, ", rules=", text.str());
+    }
+    if (SkipShuttingDown("AddRules")) return oro::errOk;
+    return DoAddRules(rules, tag);
+  });
+}
+
+result_t FirewallService::DoAddRules(const RuleDescriptions& rules, const std::string& tag) {
+  std::size_t firstAdded;
+  {
+    std::lock_guard lock(m_mutex);
+    firstAdded = m_dynamicRules.size();
+    for (const auto& rule : rules) m_dynamicRules.push_back(TaggedRule{rule, tag});
+  }
+  const result_t r = SyncFirewallState();
+  if (ORO_FAILED(r)) {
+    // Rules the kernel refused are not kept: the next poll would only fail
+    // on them again.
+    {
+      std::lock_guard lock(m_mutex);
+      m_dynamicRules.erase(m_dynamicRules.begin() + static_cast<std::ptrdiff_t>(firstAdded), m_dynamicRules.end());
+    }
+    SyncFirewallState();
+    return r;
+  }
+  return UpdatePolling();
+}
+
+result_t FirewallService::RemoveRules(const RuleDescriptions& rules) noexcept {
+  return tracing::Guarded(m_tracer, "RemoveRules", [&] {
+    if (m_tracer.Enabled(Detail)) {
+      std::ostringstream text;
+      for (const auto& rule : rules) text << "\n  " << rule;
+      m_tracer.Write(Detail, "RemoveRules", "() ", text.str());
+    }
+    if (SkipShuttingDown("RemoveRules")) return oro::errOk;
+    return DoRemoveRules(rules);
+  });
+}
+
+result_t FirewallService::DoRemoveRules(const RuleDescriptions& rules) {
+  {
+    std::lock_guard lock(m_mutex);
+    std::erase_if(m_dynamicRules, [&](const TaggedRule& stored) {
+      return std::find(rules.begin(), rules.end(), stored.description) != rules.end();
+    });
+  }
+  const result_t r = SyncFirewallState();
+  if (ORO_FAILED(r)) return r;
+  return UpdatePolling();
+}
+
+result_t FirewallService::SetEnforce(bool doEnforce) noexcept {
+  return tracing::Guarded(m_tracer, "SetEnforce", [&] {
+    m_tracer.Write(Detail, "SetEnforce", "() ", " doEnforce ", doEnforce ? "true" : "false");
+    if (SkipShuttingDown("SetEnforce")) return oro::errOk;
+    return DoSetEnforce(doEnforce);
+  });
+}
+
+result_t FirewallService::DoSetEnforce(bool doEnforce) {
+  {
+    std::lock_guard lock(m_mutex);
+    if (m_enforce == doEnforce) return oro::errOk;
+    m_enforce = doEnforce;
+  }
+  const bool unenforcing = !doEnforce;
+  const result_t r = SyncFirewallState(unenforcing);
+  if (ORO_FAILED(r)) {
+    QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallState(unenforcing)", r, "");
+    return r;
+  }
+  return UpdatePolling();
+}
+
+bool FirewallService::PollingNeeded() {
+  if (m_shuttingDown) return false;
+  std::lock_guard lock(m_mutex);
+  return m_enforce || m_packetRules || !m_dynamicRules.empty();
+}
+
+result_t FirewallService::UpdatePolling() {
+  m_tracer.Write(Detail, "UpdatePolling", "() ");
+  const bool needed = PollingNeeded();
+  bool polling;
+  {
+    std::lock_guard lock(m_mutex);
+    polling = m_polling;
+  }
+  if (needed == polling) return oro::errOk;
+  if (!needed) {
+    m_tracer.Write(Warning, "UpdatePolling", ": ", "Stopping firewall state polling");
+    const result_t r = QEL_CHECKED_CALL(m_tracer, m_pollTimer->CancelAndWait(m_pollHandler.Get()), "");
+    if (ORO_FAILED(r)) return r;
+  } else {
+    m_tracer.Write(Warning, "UpdatePolling", ": ", "Starting firewall state polling");
+    const result_t r = QEL_CHECKED_CALL(m_tracer, m_pollTimer->SetRepeated(m_pollHandler.Get(), Interval), "");
+    if (ORO_FAILED(r)) return r;
+  }
+  std::lock_guard lock(m_mutex);
+  m_polling = needed;
+  return oro::errOk;
+}
+
+result_t FirewallService::RunPoll() noexcept {
+  return tracing::Guarded(m_tracer, "RunPoll", [&] {
+    m_tracer.Write(Detail, "RunPoll", "() ");
+    if (m_shuttingDown) {
+      m_tracer.Write(Warning, "RunPoll", ": ", " Rules will be cleared on shutdown complete. skip poll");
+      return oro::errOk;
+    }
+    return SyncFirewallState();
+  });
+}
+
+FirewallService::Wanted FirewallService::SnapshotWanted(bool unenforcing) {
+  std::lock_guard lock(m_mutex);
+  Wanted wanted;
+  if (m_enforce && !unenforcing) wanted.compiled = m_compiled;
+  wanted.dynamic = m_dynamicRules;
+  return wanted;
+}
+
+// IPv6 only where its tool works, and wherever the module already put
+// rules, so that they are always cleaned up.
+std::vector<IPAddressFamily::Type> FirewallService::Families() const {
+  bool ipv6 = m_infoProvider->IsIpv6Supported();
+  for (const auto& [table, state] : m_previousState) {
+    ipv6 = ipv6 || (table.first == IPAddressFamily::IPv6 && !IsEmpty(state));
+  }
+  if (ipv6) return {IPAddressFamily::IPv4, IPAddressFamily::IPv6};
+  return {IPAddressFamily::IPv4};
+}
+
+result_t FirewallService::SyncFirewallState(bool unenforcing) {
+  m_tracer.Write(Detail, "SyncFirewallState", "() ", "unenforcing=", unenforcing ? "true" : "false");
+  std::lock_guard syncLock(m_syncMutex);
+  const Wanted wanted = SnapshotWanted(unenforcing);
+  std::ostringstream extra, missing;
+  bool isIntegrityBroken = false;
+  result_t firstFailure = oro::errOk;
+  for (auto family : Families()) {
+    const CompiledRules* compiled = nullptr;
+    if (wanted.compiled) compiled = family == IPAddressFamily::IPv4 ? &wanted.compiled->ipv4 : &wanted.compiled->ipv6;
+    for (const auto& table : ChainLayout::Tables()) {
+      const State next = ChainLayout::WantedState(family, table, compiled, wanted.dynamic);
+      State& previous = m_previousState[{family, table}];
+      const result_t r = SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken);
+      if (ORO_FAILED(r)) {
+        QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken)",
+                              r, "Cannot sync firewall table");
+        if (ORO_SUCCEEDED(firstFailure)) firstFailure = r;
+      }
+    }
+  }
+  if (isIntegrityBroken) {
+    QEL_CHECKED_CALL(m_tracer, PublishIntegrityBrokenEvent(extra.str(), missing.str()),
+                     "Cannot publish firewall integrity broken event");
+  }
+  return firstFailure;
+}
+
+result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const std::string& table, State& previous,
+                                            const State& next, std::ostringstream& extra,
+                                            std::ostringstream& missing, bool& isIntegrityBroken) {
+  const std::string prefix = "SyncFirewallTable [" + TableLabel(family, table) + "] ";
+  m_tracer.Write(Detail, prefix, "Start processing table");
+  bool& listedOnce = m_listedOnce[{family, table}];
+  // A table the module neither holds nor wants rules in is not listed: it
+  // costs nothing, and listing may create it. Only the filter table is
+  // looked at once in any case, to clean up after a module that died.
+  if (IsEmpty(previous) && IsEmpty(next) && (listedOnce || table != kFilterTable)) {
+    m_tracer.Write(Detail, prefix, "Ignore ", table);
+    return oro::errOk;
+  }
+
+  result_t r;
+  auto query = TryGetInterface<IFirewallStateQuery>(m_locator, r);
+  if (!query) {
+    m_tracer.Write(Error, prefix, "Cannot get IFirewallStateQuery interface");
+    return r;
+  }
+  State current;
+  r = query->GetState(family, table, current);
+  if (ORO_FAILED(r)) return r;
+  listedOnce = true;
+
+  const TableSyncResult sync = TableReconciler(m_tracer, prefix).Reconcile(previous, current, next);
+  AppendEntries(extra, family, table, sync.extra);
+  AppendEntries(missing, family, table, sync.missing);
+  isIntegrityBroken = isIntegrityBroken || !sync.extra.empty() || !sync.missing.empty();
+
+  if (m_tracer.Enabled(Detail)) {
+    ChangeList composed = sync.changes;
+    std::string composedText;
+    for (const auto& change : composed) composedText += ChangeLine(change) + "\n";
+    m_tracer.Write(Detail, prefix, "Dump intermediate state:", "\nenforcement:", IsEmpty(next) ? "off" : "on",
+                   "\nprevious:\n", DumpState(previous), "\ncurrent:\n", DumpState(current), "\nnext:\n",
+                   DumpState(next), "\ncomposed:\n", composedText);
+  }
+  if (sync.changes.empty()) {
+    m_tracer.Write(Detail, prefix, "Firewall update not needed");
+    previous = next;
+    return oro::errOk;
+  }
+  auto change = TryGetInterface<IFirewallStateChange>(m_locator, r);
+  if (!change) {
+    m_tracer.Write(Error, prefix, "Cannot get IFirewallStateChange interface");
+    return r;
+  }
+  r = change->ChangeState(family, table, sync.changes);
+  if (ORO_FAILED(r)) {
+    QEL_TRACE_FAILED_CALL(m_tracer, "m_firewallStateChange->ChangeState(familyType, tableName, changeList)", r,
+                          "Cannot change firewall state");
+    return r;
+  }
+  previous = next;
+  return oro::errOk;
+}
+
+result_t FirewallService::PublishIntegrityBrokenEvent(const std::string& extra, const std::string& missing) {
+  m_tracer.Write(Warning, "PublishIntegrityBrokenEvent", "() ", "extra=", extra, ", missing=", missing);
+  oro::Event event;
+  event.kind = "FirewallIntegrityBroken";
+  event.Add("extra", extra).Add("missing", missing);
+  return m_eventPublisher->PublishEvent(std::move(event));
+}
+
+}  // namespace qel::firewall

@@ -1,0 +1,104 @@
+// The service that owns what the module wants installed and keeps the
+// kernel in line with it: it takes the packet rules and the enforcement
+// switch from the firewall task, dynamic rules from other components,
+// reconciles every table on each change and on a 60 s poll, reports foreign
+// changes, and removes all of its rules when it is released.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "firewall/chain_layout.h"
+#include "firewall/firewall_interfaces.h"
+#include "firewall/iptables_rule_compiler.h"
+#include "oro/event_publisher.h"
+#include "oro/service.h"
+#include "oro/timer.h"
+#include "qel_common/object_impl.h"
+#include "qel_tracing/tracer.h"
+
+namespace qel::firewall {
+
+class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynamicRules, oro::IServiceShutdown> {
+ public:
+  static constexpr std::uint32_t Interval = 60000;  // poll period, milliseconds
+
+  // `suitableConntrack`: the kernel tells connection directions apart
+  // (see ProbeConntrackRevision).
+  FirewallService(oro::IServiceLocator* locator, bool suitableConntrack);
+
+  oro::result_t FinalConstruct();
+  void FinalRelease() noexcept;
+
+  // IPacketRules
+  oro::result_t SetPacketRules(const settings::FirewallSettings& rules) noexcept override;
+  oro::result_t SetEnforce(bool doEnforce) noexcept override;
+  // IDynamicRules
+  oro::result_t AddRules(const RuleDescriptions& rules, const std::string& tag) noexcept override;
+  oro::result_t RemoveRules(const RuleDescriptions& rules) noexcept override;
+  // IServiceShutdown
+  oro::result_t OnShutdown() noexcept override;
+
+  // The timer's job.
+  oro::result_t RunPoll() noexcept;
+
+ private:
+  using TableId = std::pair<types::IPAddressFamily::Type, std::string>;
+  struct Compiled {
+    CompiledRules ipv4;
+    CompiledRules ipv6;
+  };
+  struct Wanted {
+    std::optional<Compiled> compiled;
+    std::vector<TaggedRule> dynamic;
+  };
+
+  oro::result_t DoSetPacketRules(const settings::FirewallSettings& rules);
+  oro::result_t DoAddRules(const RuleDescriptions& rules, const std::string& tag);
+  oro::result_t DoRemoveRules(const RuleDescriptions& rules);
+  oro::result_t DoSetEnforce(bool doEnforce);
+
+  oro::result_t SyncFirewallState(bool unenforcing = false);
+  oro::result_t SyncFirewallTable(types::IPAddressFamily::Type family, const std::string& table, State& previous,
+                                  const State& next, std::ostringstream& extra, std::ostringstream& missing,
+                                  bool& isIntegrityBroken);
+  oro::result_t PublishIntegrityBrokenEvent(const std::string& extra, const std::string& missing);
+  oro::result_t UpdatePolling();
+
+  Compiled Compile(const settings::FirewallSettings& rules) const;
+  Wanted SnapshotWanted(bool unenforcing);
+  bool PollingNeeded();
+  std::vector<types::IPAddressFamily::Type> Families() const;  // with m_syncMutex held
+  bool SkipShuttingDown(const char* function);
+
+  oro::IServiceLocator* m_locator;
+  tracing::Tracer m_tracer;
+  const bool m_suitableConntrack;
+  oro::RefPtr<oro::ITimer> m_pollTimer;
+  oro::RefPtr<oro::IRunnable> m_pollHandler;
+  oro::RefPtr<oro::IEventPublisher> m_eventPublisher;
+  oro::RefPtr<IIptablesInfoProvider> m_infoProvider;
+
+  std::atomic<bool> m_shuttingDown{false};
+
+  std::mutex m_mutex;  // guards the fields below
+  bool m_enforce = false;
+  bool m_polling = false;
+  std::optional<settings::FirewallSettings> m_packetRules;
+  std::optional<Compiled> m_compiled;
+  std::vector<TaggedRule> m_dynamicRules;
+
+  // Serialises synchronisations (a poll and a change never run at once)
+  // and guards what they keep between runs.
+  std::mutex m_syncMutex;
+  std::map<TableId, State> m_previousState;
+  std::map<TableId, bool> m_listedOnce;
+};
+
+}  // namespace qel::firewall

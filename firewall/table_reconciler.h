@@ -1,0 +1,50 @@
+// Reconciles one table: compares what the module installed last time, what
+// the kernel holds now and what the module wants, reports foreign changes,
+// and composes the change list that turns the kernel's rules into the
+// wanted ones.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "firewall/rule_model.h"
+#include "qel_tracing/tracer.h"
+
+namespace qel::firewall {
+
+// The comparison key of a rule: two rules are equal when their goto flags
+// are equal, their targets are equal token for token, and their match
+// tokens are equal as sorted lists once tokens wholly in double quotes lose
+// their quotes. The listing tool may reorder options and quote comments, so
+// nothing stricter would recognise the module's own rules.
+std::string RuleKey(const Rule& rule);
+bool RulesEqual(const Rule& a, const Rule& b);
+
+struct ChainRule {
+  std::string chain;
+  Rule rule;
+};
+
+struct TableSyncResult {
+  ChangeList changes;
+  std::vector<ChainRule> missing;  // installed, removed by someone, still wanted: re-added
+  std::vector<ChainRule> extra;    // foreign rules in owned chains: removed
+};
+
+class TableReconciler {
+ public:
+  // `tracePrefix` names the function, family and table in trace lines.
+  TableReconciler(const tracing::Tracer& tracer, std::string tracePrefix);
+
+  // Only the module's chains and the module's jumps in built-in chains are
+  // touched; the change list is empty when the kernel already holds exactly
+  // the wanted rules.
+  TableSyncResult Reconcile(const State& previous, const State& current, const State& next) const;
+
+ private:
+  const tracing::Tracer& m_tracer;
+  std::string m_prefix;
+};
+
+}  // namespace qel::firewall
