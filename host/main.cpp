@@ -6,13 +6,20 @@
 #include <vector>
 
 #include "host/compile_command.h"
+#include "host/loaded_module.h"
+#include "host/run_command.h"
 
 namespace {
 
 constexpr const char* kUsage =
     "usage:\n"
     "  firewall-host compile SETTINGS.ini [--family ipv4|ipv6]\n"
-    "      print the rules the module would install, without touching the kernel\n";
+    "      print the rules the module would install, without touching the kernel\n"
+    "  firewall-host run SETTINGS.ini [--trace-level N] [--trace-file FILE]\n"
+    "                    [--timer-speedup X] [--module PATH]\n"
+    "      load the module and enforce the settings until SIGINT or SIGTERM;\n"
+    "      SIGHUP re-reads the settings, SIGUSR1 runs the integrity poll now;\n"
+    "      events are printed as JSON lines\n";
 
 int UsageError(const std::string& message) {
   std::cerr << "firewall-host: " << message << "\n" << kUsage;
@@ -43,6 +50,45 @@ int Compile(const std::vector<std::string>& args) {
   return qel::host::RunCompileCommand(*path, family, std::cout, std::cerr);
 }
 
+bool ParseNumber(const std::string& text, double& out) {
+  try {
+    std::size_t used = 0;
+    out = std::stod(text, &used);
+    return used == text.size() && out > 0;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+int Run(const std::vector<std::string>& args) {
+  qel::host::RunOptions options;
+  options.modulePath = qel::host::DefaultModulePath();
+  std::optional<std::string> path;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    const bool hasValue = i + 1 < args.size();
+    double number = 0;
+    if (arg == "--trace-level" && hasValue && ParseNumber(args[i + 1], number)) {
+      options.traceLevel = static_cast<std::uint32_t>(number);
+      ++i;
+    } else if (arg == "--trace-file" && hasValue) {
+      options.traceFile = args[++i];
+    } else if (arg == "--timer-speedup" && hasValue && ParseNumber(args[i + 1], number)) {
+      options.timerSpeedup = number;
+      ++i;
+    } else if (arg == "--module" && hasValue) {
+      options.modulePath = args[++i];
+    } else if (!path && arg.rfind("--", 0) != 0) {
+      path = arg;
+    } else {
+      return UsageError("bad argument '" + arg + "'");
+    }
+  }
+  if (!path) return UsageError("run needs a settings file");
+  options.settingsPath = *path;
+  return qel::host::RunFirewall(options, std::cout, std::cerr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -50,6 +96,7 @@ int main(int argc, char** argv) {
   const std::string command = argv[1];
   const std::vector<std::string> args(argv + 2, argv + argc);
   if (command == "compile") return Compile(args);
+  if (command == "run") return Run(args);
   if (command == "--help" || command == "-h" || command == "help") {
     std::cout << kUsage;
     return 0;

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+
+namespace qel::host {
+
+struct RunOptions {
+  std::string settingsPath;
+  std::string modulePath;                 // libfirewall.so
+  std::uint32_t traceLevel = 700;         // messages up to this level are written
+  std::optional<std::string> traceFile;   // standard error when absent
+  double timerSpeedup = 1.0;              // divides the module's timer periods
+};
+
+// firewall-host run SETTINGS.ini
+//
+// Loads the module through its exports, gives it the framework services,
+// starts the firewall task with the settings and runs until SIGINT or
+// SIGTERM; then stops the task and releases every object, which removes the
+// module's rules. SIGHUP re-reads the settings file (a bad file is reported
+// and the rules in force stay); SIGUSR1 runs the due poll at once. Events go
+// to `events` as one JSON object per line. Returns the exit code.
+int RunFirewall(const RunOptions& options, std::ostream& events, std::ostream& err);
+
+}  // namespace qel::host
