@@ -1,0 +1,203 @@
+#include "firewall/iptables_output_parser.h"
+
+#include <algorithm>
+#include <array>
+#include <functional>
+#include <new>
+#include <string>
+#include <unordered_map>
+
+namespace qel::firewall {
+namespace {
+
+constexpr std::string_view kLineWhitespace = " \t\n\r\f\v";
+constexpr std::size_t kKindLength = 3;
+constexpr std::string_view kPolicyKind = "-P ";
+constexpr std::string_view kNewChainKind = "-N ";
+constexpr std::string_view kAppendKind = "-A ";
+constexpr std::string_view kJumpWord = "-j ";
+constexpr std::string_view kGotoWord = "-g ";
+
+// Some versions of the listing print the conntrack direction glued to the
+// next option ("--ctdir REPLY-m comment"); "REPLY-" followed by one of these
+// letters is split again.
+constexpr std::string_view kGluedReply = "REPLY-";
+constexpr std::string_view kGluedOptionLetters = "mj";
+
+// The policy rule of these chains must stay last, as the kernel applies it
+// after every rule.
+constexpr std::array<std::string_view, 5> kBuiltInChains = {"PREROUTING", "INPUT", "FORWARD", "OUTPUT",
+                                                            "POSTROUTING"};
+
+// Log readers filter on this exact prefix.
+constexpr std::string_view kParseLineSignature =
+    "result_t {anonymous}::ParseLine(oro::ITracer*, const string_view&, qel::firewall::State&)";
+
+// Positions of the state's chains by name. Listings of tens of thousands of
+// rules are parsed on every poll, so a rule finds its chain by hash instead of
+// by a scan of the chain list. Like such a scan, a name keeps the position of
+// its first chain.
+class ChainIndex {
+ public:
+  explicit ChainIndex(const State& state) {
+    for (std::size_t position = 0; position < state.chainList.size(); ++position)
+      Add(state.chainList[position].name, position);
+  }
+
+  void Add(std::string_view name, std::size_t position) { m_positions.try_emplace(std::string(name), position); }
+
+  Chain* Find(State& state, std::string_view name) const {
+    const auto found = m_positions.find(name);
+    return found == m_positions.end() ? nullptr : &state.chainList[found->second];
+  }
+
+ private:
+  struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
+  };
+  std::unordered_map<std::string, std::size_t, NameHash, std::equal_to<>> m_positions;
+};
+
+std::string_view Trim(std::string_view text) {
+  const std::size_t first = text.find_first_not_of(kLineWhitespace);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(kLineWhitespace) - first + 1);
+}
+
+// Cuts the first line off `text`; what follows the last "\n" is a line too.
+std::string_view TakeLine(std::string_view& text) {
+  const std::size_t end = text.find('\n');
+  const std::string_view line = text.substr(0, end);
+  text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  return line;
+}
+
+bool IsBuiltInChain(std::string_view name) {
+  return std::find(kBuiltInChains.begin(), kBuiltInChains.end(), name) != kBuiltInChains.end();
+}
+
+oro::result_t Malformed(oro::ITracer* tracer, std::string_view line) {
+  if (tracer && tracer->IsEnabled(oro::trace_level::Error)) {
+    std::string text(kParseLineSignature);
+    text.append(": Malformed ").append(line);
+    tracer->Trace(oro::trace_level::Error, text.c_str());
+  }
+  return oro::errUnexpected;
+}
+
+// "-P INPUT ACCEPT" and "-A INPUT -j ACCEPT" name their chain between the
+// kind and the next blank.
+struct ChainLine {
+  std::string_view chain;
+  std::string_view rest;  // after the blank that ends the chain name
+};
+
+bool SplitChainLine(std::string_view line, ChainLine& out) {
+  const std::size_t blank = line.find(' ', kKindLength);
+  if (blank == std::string_view::npos) return false;
+  out = {line.substr(kKindLength, blank - kKindLength), line.substr(blank + 1)};
+  return true;
+}
+
+void AppendChain(State& state, ChainIndex& chains, std::string_view name, std::vector<Rule> rules) {
+  chains.Add(name, state.chainList.size());
+  state.chainList.push_back(Chain{std::string(name), std::move(rules)});
+}
+
+std::string SeparateGluedReply(std::string_view match) {
+  std::string repaired;
+  repaired.reserve(match.size() + 2);
+  std::size_t copied = 0;
+  for (std::size_t at = match.find(kGluedReply); at != std::string_view::npos;
+       at = match.find(kGluedReply, at + kGluedReply.size())) {
+    const std::size_t dash = at + kGluedReply.size() - 1;
+    if (dash + 1 < match.size() && kGluedOptionLetters.find(match[dash + 1]) != std::string_view::npos) {
+      repaired.append(match.substr(copied, dash - copied)).push_back(' ');
+      copied = dash;
+    }
+  }
+  repaired.append(match.substr(copied));
+  return repaired;
+}
+
+// The blank before the jump word needs no removal of its own: tokenising
+// drops it.
+Tokens MatchTokens(std::string_view match) {
+  if (match.find(kGluedReply) == std::string_view::npos) return SplitTokens(match);
+  return SplitTokens(SeparateGluedReply(match));
+}
+
+// `options` is everything after the chain name: the match, then "-j " or
+// "-g " and the target. A "-j " anywhere wins over an earlier "-g ".
+Rule MakeRule(std::string_view options) {
+  Rule rule;
+  std::size_t jump = options.find(kJumpWord);
+  if (jump == std::string_view::npos) {
+    jump = options.find(kGotoWord);
+    rule.isGoto = jump != std::string_view::npos;
+  }
+  rule.match = MatchTokens(options.substr(0, jump));
+  if (jump != std::string_view::npos) rule.target = SplitTokens(options.substr(jump + kJumpWord.size()));
+  return rule;
+}
+
+Rule MakePolicyRule(std::string_view policy) {
+  Rule rule;
+  rule.target.emplace_back(policy);
+  rule.isPolicy = true;
+  return rule;
+}
+
+void AddRule(Chain& chain, Rule rule) {
+  auto& rules = chain.ruleList;
+  if (IsBuiltInChain(chain.name) && !rules.empty()) {
+    rules.insert(rules.end() - 1, std::move(rule));
+  } else {
+    rules.push_back(std::move(rule));
+  }
+}
+
+oro::result_t ParsePolicyLine(oro::ITracer* tracer, std::string_view line, State& state, ChainIndex& chains) {
+  ChainLine parts;
+  if (!SplitChainLine(line, parts)) return Malformed(tracer, line);
+  AppendChain(state, chains, parts.chain, {MakePolicyRule(parts.rest)});
+  return oro::errOk;
+}
+
+oro::result_t ParseAppendLine(oro::ITracer* tracer, std::string_view line, State& state, const ChainIndex& chains) {
+  ChainLine parts;
+  if (!SplitChainLine(line, parts)) return Malformed(tracer, line);
+  // The listing declares every chain before its rules; a rule of an unknown
+  // chain cannot be placed and is dropped.
+  if (Chain* chain = chains.Find(state, parts.chain)) AddRule(*chain, MakeRule(parts.rest));
+  return oro::errOk;
+}
+
+// `chains` indexes `state`; every chain is added through it.
+oro::result_t ParseLine(oro::ITracer* tracer, const std::string_view& line, State& state, ChainIndex& chains) {
+  const std::string_view kind = line.substr(0, kKindLength);
+  if (kind == kPolicyKind) return ParsePolicyLine(tracer, line, state, chains);
+  if (kind == kAppendKind) return ParseAppendLine(tracer, line, state, chains);
+  if (kind == kNewChainKind) AppendChain(state, chains, line.substr(kKindLength), {});
+  return oro::errOk;
+}
+
+}  // namespace
+
+oro::result_t ParseIptablesOutput(oro::ITracer* tracer, std::string_view output, State& out) {
+  try {
+    ChainIndex chains(out);
+    while (!output.empty()) {
+      const std::string_view line = Trim(TakeLine(output));
+      if (line.empty()) continue;
+      const oro::result_t result = ParseLine(tracer, line, out, chains);
+      if (ORO_FAILED(result)) return result;
+    }
+    return oro::errOk;
+  } catch (const std::bad_alloc&) {
+    return oro::errNoMemory;
+  }
+}
+
+}  // namespace qel::firewall
