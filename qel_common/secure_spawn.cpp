@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <span>
 #include <sstream>
@@ -43,6 +44,7 @@ constexpr std::size_t kReadChunk = 64 * 1024;
 constexpr auto kWaitPause = std::chrono::milliseconds(5);
 constexpr auto kTermPause = std::chrono::milliseconds(1);
 constexpr auto kKillPause = std::chrono::microseconds(500);
+constexpr auto kFirstPause = std::chrono::microseconds(50);
 constexpr auto kKillWait = std::chrono::seconds(10);
 
 // Exit statuses of a child whose group or user id did not take: the first
@@ -136,10 +138,23 @@ struct ChildPlan {
 // on into a closed pipe), so every disposition goes back to its default
 // before the mask is cleared. SIGKILL, SIGSTOP and the C library's own
 // signals refuse the change and need none.
+// The kernel's own sigaction record (the same layout on x86-64 and AArch64).
+struct KernelSigaction {
+  void* handler;  // SIG_DFL is 0
+  unsigned long flags;
+  void* restorer;
+  std::uint64_t mask;
+};
+
+// The C library's sigaction refuses the signals it reserves for itself (32
+// and 33), which a parent may still have ignored and exec would keep
+// ignored; the raw call resets every signal.
 bool ResetSignals() noexcept {
-  struct sigaction defaultAction {};
-  defaultAction.sa_handler = SIG_DFL;
-  for (int signal = 1; signal < NSIG; ++signal) ::sigaction(signal, &defaultAction, nullptr);
+  const KernelSigaction defaultAction{};
+  for (int signal = 1; signal < NSIG; ++signal) {
+    if (signal == SIGKILL || signal == SIGSTOP) continue;
+    ::syscall(SYS_rt_sigaction, signal, &defaultAction, nullptr, sizeof defaultAction.mask);
+  }
   sigset_t none;
   ::sigemptyset(&none);
   return ::sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
@@ -316,11 +331,16 @@ class ChildProcess {
     if (m_pid > 0 && Signal(SIGKILL) == 0) WaitUntil(Clock::now() + kKillWait, kKillPause);
   }
 
-  // Polls for the child's end until the deadline (none: for ever).
+  // Polls for the child's end until the deadline (none: for ever). The
+  // pauses start short and grow to `pause`: a tool has mostly ended by the
+  // time its pipes close, and a fixed pause would add itself to every run.
   WaitOutcome WaitUntil(const Deadline& deadline, std::chrono::microseconds pause) {
+    std::chrono::microseconds nap = std::min(pause, kFirstPause);
     for (;;) {
       int status = 0;
-      const pid_t waited = ::waitpid(m_pid, &status, WNOHANG);
+      // Without a deadline nothing would end the polling but the child's
+      // end, so the call may as well block until then.
+      const pid_t waited = ::waitpid(m_pid, &status, deadline ? WNOHANG : 0);
       if (waited == m_pid) {
         m_pid = -1;
         return {WaitOutcome::State::Ended, status};
@@ -332,8 +352,10 @@ class ChildProcess {
         m_pid = -1;
         return {WaitOutcome::State::Failed, 0, error};
       }
-      if (deadline && Clock::now() >= *deadline) return {WaitOutcome::State::Running};
-      std::this_thread::sleep_for(pause);
+      if (!deadline) continue;  // interrupted by a signal
+      if (Clock::now() >= *deadline) return {WaitOutcome::State::Running};
+      std::this_thread::sleep_for(nap);
+      nap = std::min(nap * 2, pause);
     }
   }
 
