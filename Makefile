@@ -1,0 +1,98 @@
+# Entry points for developers and CI.  The real build is CMake (see
+# CMakePresets.json); this file only strings the steps together.
+#
+#   make deps      install missing Debian packages (native)
+#   make build     configure + build the native RelWithDebInfo tree (build/default)
+#   make test      build, run every test, check the exports, then build the
+#                  unit and blackbox tests with ASan+UBSan and run them
+#   make demo      build, then compile each examples/*.ini with firewall-host
+#   make aarch64   cross build for AArch64, check the library's architecture,
+#                  run the unit and blackbox tests under qemu-user
+#   make clean     remove the preset build trees
+
+SHELL := /bin/bash
+.SHELLFLAGS := -euo pipefail -c
+MAKEFLAGS += --no-print-directory
+.DEFAULT_GOAL := build
+
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+CMAKE ?= cmake
+CTEST ?= ctest
+CTEST_ARGS ?=
+
+BUILD_DIRS := build/default build/asan build/aarch64
+
+.PHONY: all deps deps-aarch64 build build-asan test test-default test-asan \
+        check-exports demo aarch64 build-aarch64 test-aarch64 check-arch-aarch64 clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+deps-aarch64:
+	@bash scripts/install-deps.sh aarch64
+
+# --- native ------------------------------------------------------------------
+
+build: deps
+	$(CMAKE) --preset default
+	$(CMAKE) --build --preset default -j $(JOBS)
+
+check-exports: build
+	bash scripts/check-exports.sh build/default/libfirewall.so
+
+test-default: build
+	$(CTEST) --preset default $(CTEST_ARGS)
+
+build-asan: deps
+	$(CMAKE) --preset asan
+	$(CMAKE) --build --preset asan -j $(JOBS)
+
+test-asan: build-asan
+	$(CTEST) --preset asan $(CTEST_ARGS)
+
+# Order matters for the log: the sanitizer run's ctest summary closes it.
+test: build
+	@echo "=== exported symbols ==="
+	bash scripts/check-exports.sh build/default/libfirewall.so
+	@echo "=== all tests (build/default) ==="
+	$(CTEST) --preset default $(CTEST_ARGS)
+	@echo "=== unit + blackbox tests with ASan+UBSan (build/asan) ==="
+	$(CMAKE) --preset asan
+	$(CMAKE) --build --preset asan -j $(JOBS)
+	$(CTEST) --preset asan $(CTEST_ARGS)
+
+demo: build
+	@shopt -s nullglob; files=(examples/*.ini); \
+	if (( $${#files[@]} == 0 )); then echo "demo: no examples/*.ini"; exit 0; fi; \
+	failed=(); \
+	for f in "$${files[@]}"; do \
+	  echo; echo "===== $$f ====="; \
+	  ./build/default/firewall-host compile "$$f" || { rc=$$?; failed+=("$$f (exit $$rc)"); }; \
+	done; \
+	echo; \
+	if (( $${#failed[@]} )); then printf 'demo: failed: %s\n' "$${failed[@]}" >&2; exit 1; fi; \
+	echo "demo: compiled $${#files[@]} example(s)"
+
+# --- AArch64 (cross + qemu-user) -----------------------------------------------
+
+build-aarch64: deps-aarch64
+	$(CMAKE) --preset aarch64
+	$(CMAKE) --build --preset aarch64 -j $(JOBS)
+
+check-arch-aarch64: build-aarch64
+	@out=$$(file -L build/aarch64/libfirewall.so); echo "$$out"; \
+	if ! grep -q 'ARM aarch64' <<<"$$out"; then \
+	  echo "aarch64: build/aarch64/libfirewall.so is not an AArch64 binary" >&2; exit 1; fi
+	bash scripts/check-exports.sh build/aarch64/libfirewall.so
+
+test-aarch64: check-arch-aarch64
+	$(CTEST) --preset aarch64 $(CTEST_ARGS)
+
+aarch64: test-aarch64
+
+# --------------------------------------------------------------------------------
+
+clean:
+	rm -rf $(BUILD_DIRS)
