@@ -19,8 +19,9 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE ?= cmake
 CTEST ?= ctest
 CTEST_ARGS ?=
+FUZZ_SECONDS ?= 60
 
-BUILD_DIRS := build/default build/asan build/aarch64
+BUILD_DIRS := build/default build/asan build/aarch64 build/fuzz
 
 .PHONY: all deps deps-aarch64 build build-asan test test-default test-asan \
         check-exports demo aarch64 build-aarch64 test-aarch64 check-arch-aarch64 clean
@@ -62,6 +63,8 @@ test: build
 	$(CMAKE) --preset asan
 	$(CMAKE) --build --preset asan -j $(JOBS)
 	$(CTEST) --preset asan $(CTEST_ARGS)
+	@echo "=== fuzzing the listing parser for $(FUZZ_SECONDS) s (build/fuzz) ==="
+	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/run-fuzz.sh
 
 demo: build
 	@shopt -s nullglob; files=(examples/*.ini); \

@@ -24,6 +24,7 @@ native_pkgs=(
   libboost-dev libboost-filesystem-dev libboost-system-dev
   libgtest-dev libgmock-dev googletest
   iptables iproute2 util-linux
+  clang-14 libclang-rt-14-dev llvm-14
 )
 cross_arch=arm64
 cross_pkgs=(
