@@ -177,9 +177,23 @@ struct ActionFieldsText {
 
 // --- Match tokens ------------------------------------------------------------
 
+// The kernel keeps only the network part of an address, and the listing
+// prints it that way: 10.1.2.3/8 comes back as 10.0.0.0/8. Writing it so
+// keeps the module's rules recognisable.
+std::array<std::uint8_t, 16> NetworkPart(const Network& network) {
+  std::array<std::uint8_t, 16> address = network.address;
+  const unsigned bits = network.family == IPAddressFamily::IPv4 ? 32 : 128;
+  const unsigned prefix = std::min<unsigned>(network.prefixLength, bits);
+  for (unsigned bit = prefix; bit < bits; ++bit) address[bit / 8] &= static_cast<std::uint8_t>(~(0x80u >> (bit % 8)));
+  return address;
+}
+
+// Also true for any address with prefix 0: that matches everything, and the
+// listing leaves it out.
 bool IsAllZero(const Network& network) {
   const std::size_t size = network.family == IPAddressFamily::IPv4 ? 4 : 16;
-  return std::all_of(network.address.begin(), network.address.begin() + size, [](std::uint8_t b) { return b == 0; });
+  const auto address = NetworkPart(network);
+  return std::all_of(address.begin(), address.begin() + size, [](std::uint8_t b) { return b == 0; });
 }
 
 bool BelongsTo(const std::optional<Network>& network, IPAddressFamily::Type family) {
@@ -361,7 +375,8 @@ RuleAction MakeAction(std::size_t kindIndex) {
 std::string NetworkText(const Network& network) {
   char text[INET6_ADDRSTRLEN] = {};
   const int af = network.family == IPAddressFamily::IPv4 ? AF_INET : AF_INET6;
-  inet_ntop(af, network.address.data(), text, sizeof(text));
+  const auto address = NetworkPart(network);
+  inet_ntop(af, address.data(), text, sizeof(text));
   return std::string(text) + "/" + Decimal(network.prefixLength);
 }
 

@@ -84,6 +84,9 @@ TEST(RuleDescriptionTranslation, ConditionsInFixedOrder) {
        "-m connmark --mark 0x1/0x1 -m connmark ! --mark 0x2/0xf"},
       {With([](auto& d) { d.remote = Net("::", 0); }), IPAddressFamily::IPv6, Side::Incoming, ""},
       {With([](auto& d) { d.local = Net("fe80::", 10); }), IPAddressFamily::IPv6, Side::Incoming, "-d fe80::/10"},
+      // Written as the listing prints them back: network part only.
+      {With([](auto& d) { d.remote = Net("10.1.2.3", 8); }), IPAddressFamily::IPv4, Side::Incoming, "-s 10.0.0.0/8"},
+      {With([](auto& d) { d.remote = Net("10.1.2.3", 0); }), IPAddressFamily::IPv4, Side::Incoming, ""},
       {With([](auto& d) {
          d.protocol = 17;
          d.remotePorts = PortRange{53, 53};
