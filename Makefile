@@ -67,16 +67,7 @@ test: build
 	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/run-fuzz.sh
 
 demo: build
-	@shopt -s nullglob; files=(examples/*.ini); \
-	if (( $${#files[@]} == 0 )); then echo "demo: no examples/*.ini"; exit 0; fi; \
-	failed=(); \
-	for f in "$${files[@]}"; do \
-	  echo; echo "===== $$f ====="; \
-	  ./build/default/firewall-host compile "$$f" || { rc=$$?; failed+=("$$f (exit $$rc)"); }; \
-	done; \
-	echo; \
-	if (( $${#failed[@]} )); then printf 'demo: failed: %s\n' "$${failed[@]}" >&2; exit 1; fi; \
-	echo "demo: compiled $${#files[@]} example(s)"
+	bash scripts/demo.sh build/default
 
 # --- AArch64 (cross + qemu-user) -----------------------------------------------
 

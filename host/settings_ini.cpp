@@ -2,6 +2,7 @@
 
 #include <boost/algorithm/string/join.hpp>
 #include <boost/algorithm/string/predicate.hpp>
+#include <boost/algorithm/string/split.hpp>
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
@@ -73,6 +74,17 @@ std::vector<oro::string16_t> ParseList(const std::string& value) {
   return items;
 }
 
+// The module splits address lists at ";" only and reads a blank as part of
+// the address; an INI writer puts blanks after separators as in the zone
+// lists, so they are dropped here. Empty items stay: the module gives them
+// their meaning.
+std::string JoinTrimmedAddressList(const std::string& value) {
+  std::vector<std::string> items;
+  boost::algorithm::split(items, value, [](char c) { return c == ';'; });
+  for (auto& item : items) boost::algorithm::trim(item);
+  return boost::algorithm::join(items, ";");
+}
+
 void RejectUnknownKeys(const std::string& section, const pt::ptree& keys, const std::set<std::string>& known) {
   for (const auto& [key, value] : keys) {
     if (!value.empty()) Fail(section, key, "unexpected subsection");
@@ -125,8 +137,8 @@ settings::PacketRule ReadRule(const std::string& section, const pt::ptree& keys)
     if (key == "localPorts") rule.localPorts = text();
     if (key == "icmpType") rule.icmpType = text();
     if (key == "icmpCode") rule.icmpCode = text();
-    if (key == "remoteAddress") rule.remoteAddress = text();
-    if (key == "localAddress") rule.localAddress = text();
+    if (key == "remoteAddress") rule.remoteAddress = tools::ToUtf16(JoinTrimmedAddressList(value));
+    if (key == "localAddress") rule.localAddress = tools::ToUtf16(JoinTrimmedAddressList(value));
     if (key == "doLogAttempts") rule.doLogAttempts = ParseBool(section, key, value);
   }
   return rule;
