@@ -40,6 +40,7 @@ TEST(SettingsIni, ReadsSettingsAndRulesInFileOrder) {
       "protocol = TCP\n"
       "localPorts = 22\n"
       "doLogAttempts = true\n"
+      "remoteAddress = 10.0.0.1; fe80::1   ; spaced out\n"
       "[rule second]\n"
       "name = Block Telnet\n"
       "action = Block\n"
@@ -56,6 +57,7 @@ TEST(SettingsIni, ReadsSettingsAndRulesInFileOrder) {
   EXPECT_EQ(s.packetRules[0].localPorts, u"22");
   EXPECT_EQ(s.packetRules[0].remotePorts, u"Any");
   EXPECT_TRUE(s.packetRules[0].doLogAttempts);
+  EXPECT_EQ(s.packetRules[0].remoteAddress, u"10.0.0.1;fe80::1");
   EXPECT_EQ(s.packetRules[1].name, u"Block Telnet");
   EXPECT_EQ(s.packetRules[1].protocol, PacketRuleProtocol::Any);
   EXPECT_EQ(loaded.ruleSections, (std::vector<std::string>{"rule ssh", "rule second"}));
