@@ -380,6 +380,48 @@ std::string NetworkText(const Network& network) {
   return std::string(text) + "/" + Decimal(network.prefixLength);
 }
 
+namespace {
+
+bool HasBlankOrQuote(const std::string& text) {
+  return text.empty() || text.find_first_of(" \t\n\"'") != std::string::npos;
+}
+
+std::optional<std::string> PortProblem(const RuleDescription& d) {
+  for (const auto* ports : {&d.remotePorts, &d.localPorts}) {
+    if (*ports && (*ports)->first > (*ports)->last) return "a port range ends before it starts";
+  }
+  const bool tcpOrUdp = d.protocol == std::uint8_t{6} || d.protocol == std::uint8_t{17};
+  if ((d.remotePorts || d.localPorts) && !tcpOrUdp) return "ports need protocol 6 (TCP) or 17 (UDP)";
+  if (d.tcpFlags && d.protocol != std::uint8_t{6}) return "tcp-flags need protocol 6 (TCP)";
+  return std::nullopt;
+}
+
+// Names go into the script unquoted: a blank would split them.
+std::optional<std::string> NameProblem(const RuleDescription& d) {
+  if (d.iface && HasBlankOrQuote(d.iface->name)) return "the interface name is empty or has a blank or quote";
+  for (const auto* set : {&d.excludeRemoteEndpoint, &d.excludeRemote}) {
+    if (*set && HasBlankOrQuote(**set)) return "an ip-set name is empty or has a blank or quote";
+  }
+  if (const auto* nflog = std::get_if<NflogAction>(&d.action); nflog && nflog->nflogPrefix) {
+    if (HasBlankOrQuote(*nflog->nflogPrefix)) return "the nflog prefix is empty or has a blank or quote";
+  }
+  if (const auto* raw = std::get_if<RawAction>(&d.action)) {
+    if (HasBlankOrQuote(raw->target)) return "the raw target is empty or has a blank or quote";
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> DescriptionProblem(const RuleDescription& description) {
+  if (auto problem = PortProblem(description)) return problem;
+  if (auto problem = NameProblem(description)) return problem;
+  if (std::holds_alternative<DivertAction>(description.action) && description.side != Side::Incoming) {
+    return "divert works on incoming traffic only";
+  }
+  return std::nullopt;
+}
+
 std::string DescriptionText(const RuleDescription& description) {
   // Incoming is the common case and goes unmentioned.
   const char* side = description.side == Side::Outgoing ? " side outgoing" : "";

@@ -178,6 +178,11 @@ RuleAction MakeAction(std::size_t kindIndex);
 // "10.0.0.0/8", "fe80::/10".
 std::string NetworkText(const Network& network);
 
+// Why the kernel would refuse the description, or could not give it back
+// as written; nullopt when it is fine. Checked before a rule is accepted,
+// so that one bad rule never blocks the others.
+std::optional<std::string> DescriptionProblem(const RuleDescription& description);
+
 // The one-line trace form, e.g.
 //   "access  proto 6 remote 10.0.0.0/8 local any localPorts 22 action 0"
 // Absent protocol and networks read "any".

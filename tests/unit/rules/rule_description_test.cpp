@@ -212,5 +212,24 @@ TEST(RuleDescriptionKinds, DecodesKindIndex) {
   }
 }
 
+TEST(RuleDescriptionProblems, RefusesWhatTheKernelWouldRefuseOrPrintDifferently) {
+  EXPECT_EQ(DescriptionProblem(TcpLocalPort22()), std::nullopt);
+  EXPECT_EQ(DescriptionProblem(EveryCondition()), std::nullopt);
+  const std::pair<RuleDescription, const char*> bad[] = {
+      {With([](auto& d) { d.localPorts = PortRange{80, 79}; d.protocol = 6; }), "ends before it starts"},
+      {With([](auto& d) { d.localPorts = PortRange{80, 80}; }), "ports need protocol"},
+      {With([](auto& d) { d.tcpFlags = TcpFlagsMatch{1, 1, false}; d.protocol = 17; }), "tcp-flags need"},
+      {With([](auto& d) { d.action = NflogAction{5, "pre fix", 0}; }), "nflog prefix"},
+      {With([](auto& d) { d.action = RawAction{"", {}}; }), "raw target"},
+      {With([](auto& d) { d.iface = InterfaceMatch{"eth 0", false}; }), "interface name"},
+      {With([](auto& d) { d.action = DivertAction{8080, std::nullopt}; d.side = Side::Outgoing; }), "incoming"},
+  };
+  for (const auto& [description, reason] : bad) {
+    const auto problem = DescriptionProblem(description);
+    ASSERT_TRUE(problem.has_value()) << reason;
+    EXPECT_NE(problem->find(reason), std::string::npos) << *problem;
+  }
+}
+
 }  // namespace
 }  // namespace qel::firewall
