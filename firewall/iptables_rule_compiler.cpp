@@ -1,5 +1,6 @@
 #include "firewall/iptables_rule_compiler.h"
 
+#include <algorithm>
 #include <boost/algorithm/string/classification.hpp>
 #include <boost/algorithm/string/split.hpp>
 #include <cstdio>
@@ -22,10 +23,6 @@ using tools::IpVersion;
 using tools::PortRange;
 
 constexpr char kAny[] = "Any";
-
-// Raised by MakeRule for an address or protocol of the other family. It only
-// means that the address pair belongs to the other family's rule set.
-struct FamilyMismatch {};
 
 enum class Side { Incoming, Outgoing };
 
@@ -55,10 +52,14 @@ struct MatchParts {
   std::string icmp;  // "type" or "type/code"
 };
 
+// "item_%04zu", without the formatting machinery: it runs for every packet
+// rule of every compilation.
 std::string FormatRuleItem(std::size_t index) {
-  char text[32];
-  std::snprintf(text, sizeof text, "item_%04zu", index);
-  return text;
+  constexpr std::size_t kDigits = 4;
+  const std::string number = std::to_string(index);
+  std::string text = "item_";
+  if (number.size() < kDigits) text.append(kDigits - number.size(), '0');
+  return text.append(number);
 }
 
 // Runs `parse` on a field's text and turns its failure into an error that
@@ -89,6 +90,12 @@ void CheckLogGroup(const RuleFields& rule) {
   }
 }
 
+// Most fields of most rules say "Any"; they need no conversion.
+std::string FieldToUtf8(const oro::string16_t& text) {
+  if (text == u"Any") return kAny;
+  return tools::ToUtf8(text);
+}
+
 RuleFields ReadRule(std::size_t index, const PacketRule& rule) {
   RuleFields fields{index,
                     tools::ToUtf8(rule.name),
@@ -96,12 +103,12 @@ RuleFields ReadRule(std::size_t index, const PacketRule& rule) {
                     rule.action,
                     rule.direction,
                     rule.protocol,
-                    tools::ToUtf8(rule.remotePorts),
-                    tools::ToUtf8(rule.localPorts),
-                    tools::ToUtf8(rule.icmpType),
-                    tools::ToUtf8(rule.icmpCode),
-                    tools::ToUtf8(rule.remoteAddress),
-                    tools::ToUtf8(rule.localAddress),
+                    FieldToUtf8(rule.remotePorts),
+                    FieldToUtf8(rule.localPorts),
+                    FieldToUtf8(rule.icmpType),
+                    FieldToUtf8(rule.icmpCode),
+                    FieldToUtf8(rule.remoteAddress),
+                    FieldToUtf8(rule.localAddress),
                     rule.doLogAttempts};
   CheckEnumValue(fields, "action", fields.action);
   CheckEnumValue(fields, "direction", fields.direction);
@@ -114,7 +121,12 @@ RuleFields ReadRule(std::size_t index, const PacketRule& rule) {
 // which then fails to parse: only "Any" means no restriction.
 std::vector<std::string> SplitAddressList(const std::string& text) {
   std::vector<std::string> elements;
-  boost::split(elements, text, boost::is_any_of(";"), boost::token_compress_on);
+  // Most fields hold one element; splitting would yield it unchanged.
+  if (text.find(';') == std::string::npos) {
+    elements.push_back(text);
+  } else {
+    boost::split(elements, text, boost::is_any_of(";"), boost::token_compress_on);
+  }
   return elements;
 }
 
@@ -155,10 +167,18 @@ std::string ParseIcmpNumber(const std::string& text) {
   return std::to_string(std::stoul(text));
 }
 
+// The IPv4 match takes type 255 for every message whatever the code, and the
+// tools print such a rule back as "any", without the code.
+constexpr char kIcmpWildcardType[] = "255";
+constexpr char kIcmpWildcardText[] = "any";
+
 std::string IcmpMatchValue(const RuleFields& rule) {
   if (rule.icmpType == kAny) return "";
   std::string value = ParseField(rule, "icmpType", rule.icmpType, ParseIcmpNumber);
-  if (rule.icmpCode != kAny) value.append("/").append(ParseField(rule, "icmpCode", rule.icmpCode, ParseIcmpNumber));
+  std::string code;
+  if (rule.icmpCode != kAny) code = ParseField(rule, "icmpCode", rule.icmpCode, ParseIcmpNumber);
+  if (rule.protocol == PacketRuleProtocol::ICMP && value == kIcmpWildcardType) return kIcmpWildcardText;
+  if (!code.empty()) value.append("/").append(code);
   return value;
 }
 
@@ -186,12 +206,34 @@ MatchParts ParseMatchParts(const RuleFields& rule, const std::string& remote, co
   return parts;
 }
 
-void CheckFamily(const RuleFields& rule, const MatchParts& parts, IpVersion version) {
+// False for an address or protocol of the other family: the address pair
+// then belongs to the other family's rule set. Not an exception: with rules
+// of one family only, every rule would throw in the other family's run.
+bool MatchesFamily(const RuleFields& rule, const MatchParts& parts, IpVersion version) {
   for (const auto* address : {&parts.remote, &parts.local}) {
-    if (*address && tools::VersionOf(**address) != version) throw FamilyMismatch{};
+    if (*address && tools::VersionOf(**address) != version) return false;
   }
-  if (rule.protocol == PacketRuleProtocol::ICMP && version != IpVersion::V4) throw FamilyMismatch{};
-  if (rule.protocol == PacketRuleProtocol::ICMPv6 && version != IpVersion::V6) throw FamilyMismatch{};
+  if (rule.protocol == PacketRuleProtocol::ICMP && version != IpVersion::V4) return false;
+  if (rule.protocol == PacketRuleProtocol::ICMPv6 && version != IpVersion::V6) return false;
+  return true;
+}
+
+// Cuts at blanks as SplitTokens does, with the vector sized once.
+Tokens MatchTokens(std::string_view text) {
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != ' ' && (i == 0 || text[i - 1] == ' ')) ++count;
+  }
+  Tokens tokens;
+  tokens.reserve(count);
+  for (std::size_t pos = 0; pos < text.size();) {
+    const std::size_t start = text.find_first_not_of(' ', pos);
+    if (start == std::string_view::npos) break;
+    const std::size_t end = std::min(text.find(' ', start), text.size());
+    tokens.emplace_back(text.substr(start, end - start));
+    pos = end;
+  }
+  return tokens;
 }
 
 // A zero-length prefix matches every address, and the tools leave it out.
@@ -329,23 +371,26 @@ class FamilyCompiler {
 
   void CompilePairs(const RuleFields& rule, const std::string& remote, const std::vector<std::string>& locals,
                     const std::string& zoneName) {
-    for (const auto& local : locals) {
-      try {
-        CompilePair(rule, remote, local, zoneName);
-      } catch (const FamilyMismatch&) {
-        // The pair is compiled into the other family's rule set.
-      }
-    }
+    for (const auto& local : locals) CompilePair(rule, remote, local, zoneName);
   }
 
   void CompilePair(const RuleFields& rule, const std::string& remote, const std::string& local,
                    const std::string& zoneName) {
     const PacketRuleDirection direction = rule.direction;
     // Both matches are built before anything is appended, so a family
-    // mismatch leaves no half of the pair behind.
+    // mismatch leaves no half of the pair behind; such a pair is compiled
+    // into the other family's rule set.
     Tokens in, out;
-    if (direction != PacketRuleDirection::OutgoingPacket) in = MakeRule(rule, remote, local, Side::Incoming);
-    if (direction != PacketRuleDirection::IncomingPacket) out = MakeRule(rule, remote, local, Side::Outgoing);
+    if (direction != PacketRuleDirection::OutgoingPacket) {
+      auto match = MakeRule(rule, remote, local, Side::Incoming);
+      if (!match) return;
+      in = std::move(*match);
+    }
+    if (direction != PacketRuleDirection::IncomingPacket) {
+      auto match = MakeRule(rule, remote, local, Side::Outgoing);
+      if (!match) return;
+      out = std::move(*match);
+    }
 
     const RuleEmitter emit{rule, zoneName};
     auto& incoming = m_rules.incoming;
@@ -368,14 +413,14 @@ class FamilyCompiler {
         emit(outgoing, Concat(out, NewConnection()), rule.doLogAttempts);
         break;
       case PacketRuleDirection::IncomingPacket:
-        emit(incoming, in, rule.doLogAttempts);
+        emit(incoming, std::move(in), rule.doLogAttempts);
         break;
       case PacketRuleDirection::OutgoingPacket:
-        emit(outgoing, out, rule.doLogAttempts);
+        emit(outgoing, std::move(out), rule.doLogAttempts);
         break;
       case PacketRuleDirection::IncomingOutgoingPacket:
-        emit(incoming, in, rule.doLogAttempts);
-        emit(outgoing, out, rule.doLogAttempts);
+        emit(incoming, std::move(in), rule.doLogAttempts);
+        emit(outgoing, std::move(out), rule.doLogAttempts);
         break;
     }
   }
@@ -385,16 +430,16 @@ class FamilyCompiler {
     const RuleFields& rule;
     const std::string& zoneName;
 
-    void operator()(std::vector<Rule>& list, const Tokens& match, bool log) const {
+    void operator()(std::vector<Rule>& list, Tokens match, bool log) const {
       if (log) {
         const auto group = static_cast<int>(settings::MinNflogGroup + rule.index);
         list.push_back(Labelled(match, NflogTarget(settings::EnumToString(rule.action), group)));
       }
-      list.push_back(Labelled(match, ActionTarget(rule.action)));
+      list.push_back(Labelled(std::move(match), ActionTarget(rule.action)));
     }
 
-    Rule Labelled(const Tokens& match, Tokens target) const {
-      Rule item = Item(match, std::move(target));
+    Rule Labelled(Tokens match, Tokens target) const {
+      Rule item = Item(std::move(match), std::move(target));
       item.ruleName = rule.name;
       item.ruleItem = rule.item;
       item.zoneName = zoneName;
@@ -402,14 +447,16 @@ class FamilyCompiler {
     }
   };
 
-  Tokens MakeRule(const RuleFields& rule, const std::string& remote, const std::string& local, Side side) const {
+  // None when the pair belongs to the other family.
+  std::optional<Tokens> MakeRule(const RuleFields& rule, const std::string& remote, const std::string& local,
+                                 Side side) const {
     m_tracer.Write(tracing::Detail, "MakeRule", "() ", "remoteAddress=", remote, ", localAddress=", local,
                    ", family=", static_cast<int>(m_version));
     const MatchParts parts = ParseMatchParts(rule, remote, local);
-    CheckFamily(rule, parts, m_version);
+    if (!MatchesFamily(rule, parts, m_version)) return std::nullopt;
     const std::string text = MatchText(rule, parts, side);
     m_tracer.Write(tracing::Detail, "MakeRule", " rule match: ", text);
-    return SplitTokens(text);
+    return MatchTokens(text);
   }
 
   void MarkCovered(PacketRuleDirection direction) {

@@ -201,6 +201,10 @@ TEST(IptablesRuleCompilerTest, MatchFragmentsStandInTheToolsOrder) {
       {{.direction = in, .protocol = P::ICMP, .icmpType = u"3", .icmpCode = u"4"}, kV4,
        "-p icmp -m icmp --icmp-type 3/4"},
       {{.direction = in, .protocol = P::ICMP, .icmpCode = u"4"}, kV4, "-p icmp"},
+      // The kernel takes IPv4 type 255 for "any type" and lists it so.
+      {{.direction = in, .protocol = P::ICMP, .icmpType = u"255", .icmpCode = u"7"}, kV4,
+       "-p icmp -m icmp --icmp-type any"},
+      {{.direction = in, .protocol = P::ICMPv6, .icmpType = u"255"}, kV6, "-p ipv6-icmp -m icmp6 --icmpv6-type 255"},
       {{.direction = in, .protocol = P::ICMPv6, .icmpType = u"128", .icmpCode = u"0"}, kV6,
        "-p ipv6-icmp -m icmp6 --icmpv6-type 128/0"},
       {{.direction = in, .protocol = P::TCP, .localPorts = u"22", .remoteAddress = u"10.0.0.1-10.0.0.9",
