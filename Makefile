@@ -5,7 +5,8 @@
 #   make build     configure + build the native RelWithDebInfo tree (build/default)
 #   make test      build, run every test, check the exports, then build the
 #                  unit and blackbox tests with ASan+UBSan and run them
-#   make demo      build, then compile each examples/*.ini with firewall-host
+#   make demo      build, then run the module live in throwaway namespaces
+#   make bench     measure the module against the bare iptables tools
 #   make aarch64   cross build for AArch64, check the library's architecture,
 #                  run the unit and blackbox tests under qemu-user
 #   make clean     remove the preset build trees
@@ -21,10 +22,11 @@ CTEST ?= ctest
 CTEST_ARGS ?=
 FUZZ_SECONDS ?= 60
 
-BUILD_DIRS := build/default build/asan build/aarch64 build/fuzz
+BUILD_DIRS := build/default build/asan build/aarch64 build/fuzz build/bench
+BENCH_ARGS ?=
 
 .PHONY: all deps deps-aarch64 build build-asan test test-default test-asan \
-        check-exports demo aarch64 build-aarch64 test-aarch64 check-arch-aarch64 clean
+        check-exports demo bench aarch64 build-aarch64 test-aarch64 check-arch-aarch64 clean
 
 all: build
 
@@ -68,6 +70,13 @@ test: build
 
 demo: build
 	bash scripts/demo.sh build/default
+
+# The module against the bare iptables tools, in network namespaces (root).
+#   make bench BENCH_ARGS="--scales 10000 --backends nft --repeat 5"
+bench: deps
+	$(CMAKE) -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DQEL_BUILD_TESTS=OFF
+	$(CMAKE) --build build/bench --target firewall_bench -j $(JOBS)
+	./build/bench/bench/firewall_bench $(BENCH_ARGS)
 
 # --- AArch64 (cross + qemu-user) -----------------------------------------------
 

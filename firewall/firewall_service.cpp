@@ -44,6 +44,12 @@ void AppendEntries(std::ostringstream& out, IPAddressFamily::Type family, const 
 
 bool IsEmpty(const State& state) { return state.chainList.empty(); }
 
+// On a poll with nothing to do the installed state already is the wanted
+// one; comparing costs no allocation, copying a large table many.
+void AdoptWanted(State& previous, const State& next) {
+  if (!(previous == next)) previous = next;
+}
+
 }  // namespace
 
 FirewallService::FirewallService(oro::IServiceLocator* locator, bool suitableConntrack)
@@ -160,6 +166,12 @@ result_t FirewallService::AddRules(const RuleDescriptions& rules, const std::str
       m_tracer.Write(Detail, "AddRules", "() ", "tag=", tag, ", rules=", text.str());
     }
     if (SkipShuttingDown("AddRules")) return oro::errOk;
+    for (const auto& rule : rules) {
+      if (const auto problem = DescriptionProblem(rule)) {
+        m_tracer.Write(Error, "AddRules", ": ", "Rule '", rule, "' refused: ", *problem);
+        return oro::errInvalidArgument;
+      }
+    }
     return DoAddRules(rules, tag);
   });
 }
@@ -272,14 +284,6 @@ result_t FirewallService::RunPoll() noexcept {
   });
 }
 
-FirewallService::Wanted FirewallService::SnapshotWanted(bool unenforcing) {
-  std::lock_guard lock(m_mutex);
-  Wanted wanted;
-  if (m_enforce && !unenforcing) wanted.compiled = m_compiled;
-  wanted.dynamic = m_dynamicRules;
-  return wanted;
-}
-
 // IPv6 only where its tool works, and wherever the module already put
 // rules, so that they are always cleaned up.
 std::vector<IPAddressFamily::Type> FirewallService::Families() const {
@@ -294,22 +298,32 @@ std::vector<IPAddressFamily::Type> FirewallService::Families() const {
 result_t FirewallService::SyncFirewallState(bool unenforcing) {
   m_tracer.Write(Detail, "SyncFirewallState", "() ", "unenforcing=", unenforcing ? "true" : "false");
   std::lock_guard syncLock(m_syncMutex);
-  const Wanted wanted = SnapshotWanted(unenforcing);
+  // Every table's wanted state is built from the stored rules under one
+  // lock, which makes it the consistent snapshot: copying the compiled
+  // rules first would copy tens of thousands of rules once more per poll.
+  std::vector<std::pair<TableId, State>> wanted;
+  {
+    std::lock_guard lock(m_mutex);
+    const bool withCompiled = m_enforce && !unenforcing && m_compiled;
+    for (auto family : Families()) {
+      const CompiledRules* compiled = nullptr;
+      if (withCompiled) compiled = family == IPAddressFamily::IPv4 ? &m_compiled->ipv4 : &m_compiled->ipv6;
+      for (const auto& table : ChainLayout::Tables()) {
+        wanted.emplace_back(TableId{family, table}, ChainLayout::WantedState(family, table, compiled, m_dynamicRules));
+      }
+    }
+  }
   std::ostringstream extra, missing;
   bool isIntegrityBroken = false;
   result_t firstFailure = oro::errOk;
-  for (auto family : Families()) {
-    const CompiledRules* compiled = nullptr;
-    if (wanted.compiled) compiled = family == IPAddressFamily::IPv4 ? &wanted.compiled->ipv4 : &wanted.compiled->ipv6;
-    for (const auto& table : ChainLayout::Tables()) {
-      const State next = ChainLayout::WantedState(family, table, compiled, wanted.dynamic);
-      State& previous = m_previousState[{family, table}];
-      const result_t r = SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken);
-      if (ORO_FAILED(r)) {
-        QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken)",
-                              r, "Cannot sync firewall table");
-        if (ORO_SUCCEEDED(firstFailure)) firstFailure = r;
-      }
+  for (const auto& [tableId, next] : wanted) {
+    const auto& [family, table] = tableId;
+    State& previous = m_previousState[tableId];
+    const result_t r = SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken);
+    if (ORO_FAILED(r)) {
+      QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken)",
+                            r, "Cannot sync firewall table");
+      if (ORO_SUCCEEDED(firstFailure)) firstFailure = r;
     }
   }
   if (isIntegrityBroken) {
@@ -359,7 +373,7 @@ result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const 
   }
   if (sync.changes.empty()) {
     m_tracer.Write(Detail, prefix, "Firewall update not needed");
-    previous = next;
+    AdoptWanted(previous, next);
     return oro::errOk;
   }
   auto change = TryGetInterface<IFirewallStateChange>(m_locator, r);
@@ -373,7 +387,7 @@ result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const 
                           "Cannot change firewall state");
     return r;
   }
-  previous = next;
+  AdoptWanted(previous, next);
   return oro::errOk;
 }
 

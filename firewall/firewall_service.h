@@ -54,10 +54,6 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
     CompiledRules ipv4;
     CompiledRules ipv6;
   };
-  struct Wanted {
-    std::optional<Compiled> compiled;
-    std::vector<TaggedRule> dynamic;
-  };
 
   oro::result_t DoSetPacketRules(const settings::FirewallSettings& rules);
   oro::result_t DoAddRules(const RuleDescriptions& rules, const std::string& tag);
@@ -72,7 +68,6 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   oro::result_t UpdatePolling();
 
   Compiled Compile(const settings::FirewallSettings& rules) const;
-  Wanted SnapshotWanted(bool unenforcing);
   bool PollingNeeded();
   std::vector<types::IPAddressFamily::Type> Families() const;  // with m_syncMutex held
   bool SkipShuttingDown(const char* function);

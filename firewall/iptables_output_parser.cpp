@@ -46,9 +46,17 @@ class ChainIndex {
 
   void Add(std::string_view name, std::size_t position) { m_positions.try_emplace(std::string(name), position); }
 
+  // The listing gives each chain's rules in one run, so the chain found
+  // last is nearly always the one asked for again. A position once found
+  // never changes: Add keeps the first chain of a name.
   Chain* Find(State& state, std::string_view name) const {
+    if (m_last && name == m_lastName) return &state.chainList[m_lastPosition];
     const auto found = m_positions.find(name);
-    return found == m_positions.end() ? nullptr : &state.chainList[found->second];
+    if (found == m_positions.end()) return nullptr;
+    m_last = true;
+    m_lastName = found->first;
+    m_lastPosition = found->second;
+    return &state.chainList[found->second];
   }
 
  private:
@@ -57,6 +65,9 @@ class ChainIndex {
     std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
   };
   std::unordered_map<std::string, std::size_t, NameHash, std::equal_to<>> m_positions;
+  mutable bool m_last = false;
+  mutable std::string_view m_lastName;  // a key of m_positions, which never moves
+  mutable std::size_t m_lastPosition = 0;
 };
 
 std::string_view Trim(std::string_view text) {
@@ -121,11 +132,34 @@ std::string SeparateGluedReply(std::string_view match) {
   return repaired;
 }
 
+// Cuts at blanks as SplitTokens does, with the vector sized once: every
+// rule of every poll goes through here.
+Tokens Tokenise(std::string_view text) {
+  const char* const end = text.data() + text.size();
+  std::size_t count = 0;
+  bool inToken = false;
+  for (const char* p = text.data(); p != end; ++p) {
+    const bool blank = *p == ' ';
+    if (!blank && !inToken) ++count;
+    inToken = !blank;
+  }
+  Tokens tokens;
+  tokens.reserve(count);
+  for (const char* p = text.data();;) {
+    while (p != end && *p == ' ') ++p;
+    if (p == end) break;
+    const char* const start = p;
+    while (p != end && *p != ' ') ++p;
+    tokens.emplace_back(start, p);
+  }
+  return tokens;
+}
+
 // The blank before the jump word needs no removal of its own: tokenising
 // drops it.
 Tokens MatchTokens(std::string_view match) {
-  if (match.find(kGluedReply) == std::string_view::npos) return SplitTokens(match);
-  return SplitTokens(SeparateGluedReply(match));
+  if (match.find(kGluedReply) == std::string_view::npos) return Tokenise(match);
+  return Tokenise(SeparateGluedReply(match));
 }
 
 // `options` is everything after the chain name: the match, then "-j " or
@@ -138,7 +172,7 @@ Rule MakeRule(std::string_view options) {
     rule.isGoto = jump != std::string_view::npos;
   }
   rule.match = MatchTokens(options.substr(0, jump));
-  if (jump != std::string_view::npos) rule.target = SplitTokens(options.substr(jump + kJumpWord.size()));
+  if (jump != std::string_view::npos) rule.target = Tokenise(options.substr(jump + kJumpWord.size()));
   return rule;
 }
 

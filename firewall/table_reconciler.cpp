@@ -1,6 +1,7 @@
 #include "firewall/table_reconciler.h"
 
 #include <algorithm>
+#include <array>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -45,25 +46,40 @@ class ChainIndex {
   std::unordered_map<std::string, const Chain*> m_chains;
 };
 
-std::vector<std::string> KeysOf(const std::vector<Rule>& rules) {
+// The rules of a chain as the comparison sees them. Pointers into the
+// states, so that a chain of tens of thousands of rules is not copied on
+// every poll.
+using RuleRefs = std::vector<const Rule*>;
+
+RuleRefs RefsOf(const std::vector<Rule>& rules) {
+  RuleRefs refs;
+  refs.reserve(rules.size());
+  for (const auto& rule : rules) refs.push_back(&rule);
+  return refs;
+}
+
+// Policies are the kernel's; the module neither compares nor deletes them.
+RuleRefs WithoutPolicy(const std::vector<Rule>& rules) {
+  RuleRefs plain;
+  plain.reserve(rules.size());
+  for (const auto& rule : rules) {
+    if (!rule.isPolicy) plain.push_back(&rule);
+  }
+  return plain;
+}
+
+std::vector<std::string> KeysOf(const RuleRefs& rules) {
   std::vector<std::string> keys;
   keys.reserve(rules.size());
-  for (const auto& rule : rules) keys.push_back(RuleKey(rule));
+  for (const Rule* rule : rules) keys.push_back(RuleKey(*rule));
   return keys;
 }
 
 std::unordered_set<std::string_view> KeySet(const std::vector<std::string>& keys) {
-  return {keys.begin(), keys.end()};
-}
-
-// Policies are the kernel's; the module neither compares nor deletes them.
-std::vector<Rule> WithoutPolicy(const std::vector<Rule>& rules) {
-  std::vector<Rule> plain;
-  plain.reserve(rules.size());
-  for (const auto& rule : rules) {
-    if (!rule.isPolicy) plain.push_back(rule);
-  }
-  return plain;
+  std::unordered_set<std::string_view> set;
+  set.reserve(keys.size());
+  set.insert(keys.begin(), keys.end());
+  return set;
 }
 
 bool JumpsToModuleChain(const Rule& rule) {
@@ -78,6 +94,42 @@ std::string RuleListText(const std::vector<Rule>& rules) {
   std::string text;
   for (const auto& rule : rules) text += "\n  " + RuleText(rule);
   return text;
+}
+
+std::string RuleListText(const RuleRefs& rules) {
+  std::string text;
+  for (const Rule* rule : rules) text += "\n  " + RuleText(*rule);
+  return text;
+}
+
+// Token for token the same rule: then the keys are equal too, and the
+// comparison needs no keys at all.
+bool SameRule(const Rule& a, const Rule& b) {
+  return a.isGoto == b.isGoto && a.match == b.match && a.target == b.target;
+}
+
+bool SameRules(const RuleRefs& a, const RuleRefs& b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    if (!SameRule(*a[i], *b[i])) return false;
+  }
+  return true;
+}
+
+// Whether the chain already holds exactly the wanted rules, so that nothing
+// can be missing, extra or changed in it. In an owned chain that means all
+// its rules in the wanted order; in a built-in chain, the module's jumps in
+// the wanted order, when only jumps are wanted there (any other wanted rule
+// is compared by the full composition).
+bool AlreadyAsWanted(bool owned, const RuleRefs& current, const std::vector<Rule>& wanted) {
+  std::size_t w = 0;
+  for (const Rule* rule : current) {
+    if (!owned && !JumpsToModuleChain(*rule)) continue;
+    if (w == wanted.size() || !SameRule(*rule, wanted[w])) return false;
+    ++w;
+  }
+  if (w != wanted.size()) return false;
+  return owned || std::all_of(wanted.begin(), wanted.end(), JumpsToModuleChain);
 }
 
 // The positions (indices into `values`) of one longest strictly increasing
@@ -106,14 +158,26 @@ std::vector<std::size_t> LongestIncreasingRun(const std::vector<std::size_t>& va
 // Which current rules of an owned chain can stay where they are: the
 // longest run of them that already stands in the wanted order.
 std::vector<bool> RulesToKeep(const std::vector<std::string>& currentKeys, const std::vector<std::string>& wantedKeys) {
-  std::unordered_map<std::string_view, std::vector<std::size_t>> positions;
-  for (std::size_t i = currentKeys.size(); i-- > 0;) positions[currentKeys[i]].push_back(i);
+  // Each key's current positions as a list threaded through `nextSame`,
+  // smallest first: wanted rules take equal current rules in their order.
+  constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  std::unordered_map<std::string_view, std::size_t> first;
+  first.reserve(currentKeys.size());
+  std::vector<std::size_t> nextSame(currentKeys.size(), kNone);
+  for (std::size_t i = currentKeys.size(); i-- > 0;) {
+    auto [it, inserted] = first.try_emplace(currentKeys[i], i);
+    if (!inserted) {
+      nextSame[i] = it->second;
+      it->second = i;
+    }
+  }
   std::vector<std::size_t> matched;
+  matched.reserve(wantedKeys.size());
   for (const auto& key : wantedKeys) {
-    auto it = positions.find(key);
-    if (it == positions.end() || it->second.empty()) continue;
-    matched.push_back(it->second.back());
-    it->second.pop_back();
+    auto it = first.find(key);
+    if (it == first.end() || it->second == kNone) continue;
+    matched.push_back(it->second);
+    it->second = nextSame[it->second];
   }
   std::vector<bool> keep(currentKeys.size(), false);
   for (std::size_t i : LongestIncreasingRun(matched)) keep[matched[i]] = true;
@@ -125,10 +189,11 @@ std::vector<bool> RulesToKeep(const std::vector<std::string>& currentKeys, const
 std::vector<std::string_view> LeftAfterDeletes(const std::vector<std::string>& currentKeys,
                                                const std::vector<bool>& keep) {
   std::unordered_map<std::string_view, std::size_t> deletes;
+  std::vector<std::string_view> left;
+  left.reserve(currentKeys.size());
   for (std::size_t i = 0; i < keep.size(); ++i) {
     if (!keep[i]) ++deletes[currentKeys[i]];
   }
-  std::vector<std::string_view> left;
   for (const auto& key : currentKeys) {
     auto it = deletes.find(key);
     if (it != deletes.end() && it->second > 0) {
@@ -146,10 +211,10 @@ class ChainComposer {
 
   // Turns an owned chain's current rules into the wanted ones, keeping in
   // place what already stands in order and inserting the rest at its
-  // position.
-  void ComposeOwned(const std::string& chain, const std::vector<Rule>& current, const std::vector<Rule>& wanted) {
-    const auto currentKeys = KeysOf(current);
-    const auto wantedKeys = KeysOf(wanted);
+  // position. With no current rules nothing is compared, and `wantedKeys`
+  // may be left empty.
+  void ComposeOwned(const std::string& chain, const RuleRefs& current, const std::vector<std::string>& currentKeys,
+                    const std::vector<Rule>& wanted, const std::vector<std::string>& wantedKeys) {
     std::vector<bool> keep = RulesToKeep(currentKeys, wantedKeys);
     auto left = LeftAfterDeletes(currentKeys, keep);
     if (!IsSubsequence(left, wantedKeys)) {
@@ -159,7 +224,7 @@ class ChainComposer {
       left.clear();
     }
     for (std::size_t i = 0; i < current.size(); ++i) {
-      if (!keep[i]) m_deletes.push_back(RuleChange(ChangeKind::DeleteRule, chain, current[i]));
+      if (!keep[i]) m_deletes.push_back(RuleChange(ChangeKind::DeleteRule, chain, *current[i]));
     }
     InsertMissing(chain, left, wanted, wantedKeys);
   }
@@ -167,20 +232,20 @@ class ChainComposer {
   // Built-in chains: only the module's jumps are compared; a missing jump
   // goes to the head of the chain, so that the module sees packets before
   // any other rule there.
-  void ComposeShared(const std::string& chain, const std::vector<Rule>& current, const std::vector<Rule>& wanted) {
+  void ComposeShared(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted) {
     std::unordered_map<std::string, std::size_t> present;
-    for (const auto& rule : current) {
-      if (JumpsToModuleChain(rule)) ++present[RuleKey(rule)];
+    for (const Rule* rule : current) {
+      if (JumpsToModuleChain(*rule)) ++present[RuleKey(*rule)];
     }
     std::unordered_map<std::string, std::size_t> needed;
     for (const auto& rule : wanted) ++needed[RuleKey(rule)];
-    for (const auto& rule : current) {
-      if (!JumpsToModuleChain(rule)) continue;
-      auto& want = needed[RuleKey(rule)];
+    for (const Rule* rule : current) {
+      if (!JumpsToModuleChain(*rule)) continue;
+      auto& want = needed[RuleKey(*rule)];
       if (want > 0) {
         --want;
       } else {
-        m_deletes.push_back(RuleChange(ChangeKind::DeleteRule, chain, rule));
+        m_deletes.push_back(RuleChange(ChangeKind::DeleteRule, chain, *rule));
       }
     }
     std::int32_t position = 1;
@@ -226,12 +291,29 @@ class ChainComposer {
 }  // namespace
 
 std::string RuleKey(const Rule& rule) {
-  std::vector<std::string_view> match;
-  match.reserve(rule.match.size());
-  for (const auto& token : rule.match) match.push_back(Unquoted(token));
-  std::sort(match.begin(), match.end());
-  std::string key(1, rule.isGoto ? 'g' : 'j');
-  for (auto token : match) (key += token) += kTokenSeparator;
+  // Keys are made for every rule of a changed chain: the tokens are sorted
+  // in place on the stack unless a rule has unusually many, and the key is
+  // allocated once.
+  constexpr std::size_t kStackTokens = 48;
+  std::array<std::string_view, kStackTokens> stackTokens;
+  std::vector<std::string_view> heapTokens;
+  const std::size_t count = rule.match.size();
+  std::string_view* match = stackTokens.data();
+  if (count > kStackTokens) {
+    heapTokens.resize(count);
+    match = heapTokens.data();
+  }
+  std::size_t length = 2;
+  for (std::size_t i = 0; i < count; ++i) {
+    match[i] = Unquoted(rule.match[i]);
+    length += match[i].size() + 1;
+  }
+  for (const auto& token : rule.target) length += token.size() + 1;
+  std::sort(match, match + count);
+  std::string key;
+  key.reserve(length);
+  key += rule.isGoto ? 'g' : 'j';
+  for (std::size_t i = 0; i < count; ++i) (key += match[i]) += kTokenSeparator;
   key += kPartSeparator;
   for (const auto& token : rule.target) (key += token) += kTokenSeparator;
   return key;
@@ -247,27 +329,50 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
   const ChainIndex previousChains(previous), currentChains(current), nextChains(next);
   ChangeList creates, deletes, adds, flushes, removals;
   ChainComposer composer(deletes, adds);
+  const auto createIfAbsent = [&](const std::string& name) {
+    if (currentChains.Find(name)) return;
+    m_tracer.Write(Detail, m_prefix, "Custom chain '", name, "' should be created");
+    creates.push_back(Change{ChangeKind::CreateChain, name, "", "", false, -1});
+  };
 
   for (const auto& chain : next.chainList) {
     m_tracer.Write(Detail, m_prefix, "Start processing chain ", chain.name);
     const bool owned = ChainLayout::KindOf(chain.name) == ChainKind::Owned;
-    const auto previousRules = WithoutPolicy(previousChains.RulesOf(chain.name));
     const auto currentRules = WithoutPolicy(currentChains.RulesOf(chain.name));
-    const auto previousKeys = KeysOf(previousRules), currentKeys = KeysOf(currentRules),
-               nextKeys = KeysOf(chain.ruleList);
-    const auto previousSet = KeySet(previousKeys), currentSet = KeySet(currentKeys), nextSet = KeySet(nextKeys);
+    // The steady state of every poll: no keys, sets or copies needed.
+    if (AlreadyAsWanted(owned, currentRules, chain.ruleList)) {
+      createIfAbsent(chain.name);
+      continue;
+    }
+
+    const auto previousRules = WithoutPolicy(previousChains.RulesOf(chain.name));
+    // While the kernel holds, token for token, what the module installed
+    // last time (the usual case when the wanted rules change), nothing can
+    // be missing or extra; and against an empty chain the composition
+    // compares nothing. Keys are made only where they are compared.
+    const bool untouched = SameRules(previousRules, currentRules);
+    const bool compared = !untouched || !currentRules.empty();
+    const auto currentKeys = KeysOf(currentRules);
+    const auto nextKeys = compared ? KeysOf(RefsOf(chain.ruleList)) : std::vector<std::string>();
 
     std::vector<Rule> missing, extra;
-    for (std::size_t i = 0; i < previousRules.size(); ++i) {
-      if (!currentSet.count(previousKeys[i]) && nextSet.count(previousKeys[i])) {
-        m_tracer.Write(Warning, m_prefix, "Missing rule '", RuleText(previousRules[i]), "' will be re-added");
-        missing.push_back(previousRules[i]);
+    if (!untouched) {
+      const auto previousKeys = KeysOf(previousRules);
+      const auto currentSet = KeySet(currentKeys), nextSet = KeySet(nextKeys);
+      for (std::size_t i = 0; i < previousRules.size(); ++i) {
+        if (!currentSet.count(previousKeys[i]) && nextSet.count(previousKeys[i])) {
+          m_tracer.Write(Warning, m_prefix, "Missing rule '", RuleText(*previousRules[i]), "' will be re-added");
+          missing.push_back(*previousRules[i]);
+        }
       }
-    }
-    for (std::size_t i = 0; owned && i < currentRules.size(); ++i) {
-      if (!previousSet.count(currentKeys[i]) && !nextSet.count(currentKeys[i])) {
-        m_tracer.Write(Warning, m_prefix, "Extra rule '", RuleText(currentRules[i]), "' will be removed");
-        extra.push_back(currentRules[i]);
+      if (owned) {
+        const auto previousSet = KeySet(previousKeys);
+        for (std::size_t i = 0; i < currentRules.size(); ++i) {
+          if (!previousSet.count(currentKeys[i]) && !nextSet.count(currentKeys[i])) {
+            m_tracer.Write(Warning, m_prefix, "Extra rule '", RuleText(*currentRules[i]), "' will be removed");
+            extra.push_back(*currentRules[i]);
+          }
+        }
       }
     }
     if (!missing.empty() || !extra.empty()) {
@@ -279,12 +384,9 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
     for (auto& rule : missing) result.missing.push_back({chain.name, std::move(rule)});
     for (auto& rule : extra) result.extra.push_back({chain.name, std::move(rule)});
 
-    if (!currentChains.Find(chain.name)) {
-      m_tracer.Write(Detail, m_prefix, "Custom chain '", chain.name, "' should be created");
-      creates.push_back(Change{ChangeKind::CreateChain, chain.name, "", "", false, -1});
-    }
+    createIfAbsent(chain.name);
     if (owned) {
-      composer.ComposeOwned(chain.name, currentRules, chain.ruleList);
+      composer.ComposeOwned(chain.name, currentRules, currentKeys, chain.ruleList, nextKeys);
     } else {
       composer.ComposeShared(chain.name, currentRules, chain.ruleList);
     }
@@ -325,7 +427,8 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
   // are deleted before positions are counted for inserts, and no chain is
   // deleted while a rule still jumps to it.
   for (ChangeList* part : {&creates, &deletes, &adds, &flushes, &removals}) {
-    result.changes.insert(result.changes.end(), part->begin(), part->end());
+    result.changes.insert(result.changes.end(), std::make_move_iterator(part->begin()),
+                          std::make_move_iterator(part->end()));
   }
   return result;
 }

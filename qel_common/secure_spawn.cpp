@@ -16,6 +16,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <span>
 #include <sstream>
 #include <string_view>
@@ -461,12 +462,14 @@ class DataExchange {
     if (m_pending.empty()) m_input.Reset();
   }
 
-  static void Drain(UniqueFd& end, std::string& sink) {
-    const std::size_t before = sink.size();
-    sink.resize(before + kReadChunk);
-    const ssize_t got = ::read(end.Get(), sink.data() + before, kReadChunk);
+  // Tools write a few kilobytes at a time, so most reads return far less
+  // than a chunk: reading into the sink's own tail would clear a whole chunk
+  // of it for every one of them.
+  void Drain(UniqueFd& end, std::string& sink) {
+    if (!m_readBuffer) m_readBuffer = std::make_unique_for_overwrite<char[]>(kReadChunk);
+    const ssize_t got = ::read(end.Get(), m_readBuffer.get(), kReadChunk);
     const int error = errno;
-    sink.resize(before + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    if (got > 0) sink.append(m_readBuffer.get(), static_cast<std::size_t>(got));
     if (got == 0 || (got < 0 && error != EAGAIN && error != EINTR)) end.Reset();
   }
 
@@ -477,6 +480,7 @@ class DataExchange {
   UniqueFd m_errorOutput;
   std::string* m_errorSink;
   std::optional<SigpipeSuppression> m_sigpipe;
+  std::unique_ptr<char[]> m_readBuffer;
 };
 
 oro::result_t Finish(SpawnContext& context, SpawnFinishReason reason, oro::result_t result) {
@@ -538,8 +542,9 @@ int CreateOutputPipes(const SpawnContext& context, Pipes& pipes) {
   return context.errorOutput ? CreatePipe(PipeDirection::FromChild, pipes.errorOutput) : 0;
 }
 
-// Returns 0 or the errno of the failed clone. The tables only need to live
-// until the child has its copy of the parent's memory.
+// Returns 0 or the errno of the failed clone. The tables are built here,
+// before the clone, because the child may not allocate; it works on its own
+// copy of them.
 int LaunchChild(const SpawnContext& context, const std::string& path, const Pipes& pipes, pid_t& pid) {
   const ExecTable argv(context.argv);
   const ExecTable envp(context.envp);

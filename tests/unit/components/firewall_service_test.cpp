@@ -137,6 +137,11 @@ TEST_F(FirewallServiceTest, DynamicRulesStayWhileEnforcementIsOff) {
   EXPECT_EQ(kernel->Texts(kFilter4, "vorn_input")[0], "-p tcp -m tcp --dport 4000 -j ACCEPT");
   service->SetEnforce(false);
   EXPECT_EQ(kernel->Texts(kFilter4, "vorn_input"), (Lines{"-p tcp -m tcp --dport 4000 -j ACCEPT"}));
+  auto spaced = AgentPort(4001);
+  spaced.action = firewall::NflogAction{7, "two words", 0};
+  EXPECT_EQ(service->AddRules({AgentPort(4001), spaced}, "ostra"), oro::errInvalidArgument);
+  EXPECT_TRUE(tracer->Contains(oro::trace_level::Error, "refused: the nflog prefix"));
+  EXPECT_EQ(kernel->Texts(kFilter4, "vorn_input").size(), 1u);  // all of the call or nothing
   ASSERT_EQ(service->RemoveRules({AgentPort(4000)}), oro::errOk);
   EXPECT_EQ(kernel->FindChain(kFilter4, "vorn_input"), nullptr);
   Release();
