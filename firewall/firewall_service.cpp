@@ -140,10 +140,19 @@ result_t FirewallService::DoSetPacketRules(const FirewallSettings& rules) {
   }
   std::optional<FirewallSettings> oldRules;
   std::optional<Compiled> oldCompiled;
+  bool enforcing;
   {
     std::lock_guard lock(m_mutex);
     oldRules = std::exchange(m_packetRules, rules);
     oldCompiled = std::exchange(m_compiled, std::move(compiled));
+    enforcing = m_enforce;
+  }
+  if (!enforcing) {
+    // Packet rules reach the kernel only while enforcing, so there is
+    // nothing to apply. Syncing here would also take down what a module that
+    // died left in force, moments before enforcement puts it back.
+    m_tracer.Write(Detail, "SetPacketRules", ": ", "not enforcing, the rules are applied when enforcement starts");
+    return oro::errOk;
   }
   const result_t r = SyncFirewallState();
   if (ORO_FAILED(r)) {

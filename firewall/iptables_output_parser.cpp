@@ -132,34 +132,11 @@ std::string SeparateGluedReply(std::string_view match) {
   return repaired;
 }
 
-// Cuts at blanks as SplitTokens does, with the vector sized once: every
-// rule of every poll goes through here.
-Tokens Tokenise(std::string_view text) {
-  const char* const end = text.data() + text.size();
-  std::size_t count = 0;
-  bool inToken = false;
-  for (const char* p = text.data(); p != end; ++p) {
-    const bool blank = *p == ' ';
-    if (!blank && !inToken) ++count;
-    inToken = !blank;
-  }
-  Tokens tokens;
-  tokens.reserve(count);
-  for (const char* p = text.data();;) {
-    while (p != end && *p == ' ') ++p;
-    if (p == end) break;
-    const char* const start = p;
-    while (p != end && *p != ' ') ++p;
-    tokens.emplace_back(start, p);
-  }
-  return tokens;
-}
-
 // The blank before the jump word needs no removal of its own: tokenising
 // drops it.
 Tokens MatchTokens(std::string_view match) {
-  if (match.find(kGluedReply) == std::string_view::npos) return Tokenise(match);
-  return Tokenise(SeparateGluedReply(match));
+  if (match.find(kGluedReply) == std::string_view::npos) return SplitTokens(match);
+  return SplitTokens(SeparateGluedReply(match));
 }
 
 // `options` is everything after the chain name: the match, then "-j " or
@@ -172,7 +149,7 @@ Rule MakeRule(std::string_view options) {
     rule.isGoto = jump != std::string_view::npos;
   }
   rule.match = MatchTokens(options.substr(0, jump));
-  if (jump != std::string_view::npos) rule.target = Tokenise(options.substr(jump + kJumpWord.size()));
+  if (jump != std::string_view::npos) rule.target = SplitTokens(options.substr(jump + kJumpWord.size()));
   return rule;
 }
 

@@ -218,24 +218,6 @@ bool MatchesFamily(const RuleFields& rule, const MatchParts& parts, IpVersion ve
   return true;
 }
 
-// Cuts at blanks as SplitTokens does, with the vector sized once.
-Tokens MatchTokens(std::string_view text) {
-  std::size_t count = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != ' ' && (i == 0 || text[i - 1] == ' ')) ++count;
-  }
-  Tokens tokens;
-  tokens.reserve(count);
-  for (std::size_t pos = 0; pos < text.size();) {
-    const std::size_t start = text.find_first_not_of(' ', pos);
-    if (start == std::string_view::npos) break;
-    const std::size_t end = std::min(text.find(' ', start), text.size());
-    tokens.emplace_back(text.substr(start, end - start));
-    pos = end;
-  }
-  return tokens;
-}
-
 // A zero-length prefix matches every address, and the tools leave it out.
 void AppendNetwork(std::string& text, const char* option, const std::optional<AddressElement>& address) {
   const auto* network = address ? std::get_if<tools::IpNetwork>(&*address) : nullptr;
@@ -456,7 +438,7 @@ class FamilyCompiler {
     if (!MatchesFamily(rule, parts, m_version)) return std::nullopt;
     const std::string text = MatchText(rule, parts, side);
     m_tracer.Write(tracing::Detail, "MakeRule", " rule match: ", text);
-    return MatchTokens(text);
+    return SplitTokens(text);
   }
 
   void MarkCovered(PacketRuleDirection direction) {

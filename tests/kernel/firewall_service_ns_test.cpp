@@ -15,6 +15,7 @@
 #include <sstream>
 
 #include "host/settings_ini.h"
+#include "support/fake_firewall.h"
 #include "support/netns.h"
 #include "support/service_rig.h"
 #include "support/settings_corpus.h"
@@ -56,14 +57,6 @@ std::vector<NamedSettings> ExamplesAndCorpus() {
     all.push_back({std::string("corpus-") + settings::EnumToString(protocol), FieldFormCorpus(protocol)});
   }
   return all;
-}
-
-firewall::RuleDescription AgentPort(std::uint16_t port) {
-  firewall::RuleDescription d;
-  d.protocol = 6;
-  d.localPorts = firewall::PortRange{port, port};
-  d.action = firewall::AccessAction{0};
-  return d;
 }
 
 std::string Result(oro::result_t result) { return tracing::FormatResult(result); }

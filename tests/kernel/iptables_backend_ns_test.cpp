@@ -19,27 +19,15 @@ namespace {
 using test::IptablesBackend;
 using types::IPAddressFamily;
 
-// Runs the tools as the module does, except that their limits stay within
-// this process's hard limits: a test runner without CAP_SYS_RESOURCE cannot
-// raise them, and the tool would end before it starts.
-oro::result_t SpawnWithinHardLimits(tools::SpawnContext& context) {
-  for (auto& limit : context.rlimits) {
-    rlimit current{};
-    if (getrlimit(limit.resource, &current) != 0) continue;
-    limit.hard = std::min(limit.hard, current.rlim_max);
-    limit.soft = std::min(limit.soft, limit.hard);
-  }
-  return tools::SecureSpawn(context);
-}
 
 // The module's objects over the real tools; built inside the child.
 struct RealBackend {
   RealBackend() {
     locator->Register(tracer);
     locator->Register(test::Make<test::FakeFeatureTechsAggregator>());
-    provider = test::Make<IptablesInfoProvider>(locator.Get(), SpawnWithinHardLimits);
+    provider = test::Make<IptablesInfoProvider>(locator.Get());
     locator->Register(provider);
-    firewall = test::Make<IptablesFirewall>(locator.Get(), SpawnWithinHardLimits);
+    firewall = test::Make<IptablesFirewall>(locator.Get());
   }
 
   const oro::RefPtr<test::FakeTracer> tracer = test::Make<test::FakeTracer>();
@@ -149,7 +137,7 @@ TEST_P(IptablesBackendNamespaceTest, ToolNamesRunChosenBackend) {
       tools::SpawnContext context;
       tools::InitSpawnContext(context, {tool, "-V"});
       context.output.emplace();
-      SpawnWithinHardLimits(context);
+      tools::SecureSpawn(context);
       versions += *context.output;
     }
     return versions;

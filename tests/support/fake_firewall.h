@@ -79,4 +79,13 @@ class FakeInfoProvider final : public ObjectImpl<FakeInfoProvider, firewall::IIp
   bool ipv6 = true;
 };
 
+// A dynamic rule as the agent's ports give them: incoming TCP to one port.
+inline firewall::RuleDescription AgentPort(std::uint16_t port) {
+  firewall::RuleDescription d;
+  d.protocol = 6;
+  d.localPorts = firewall::PortRange{port, port};
+  d.action = firewall::AccessAction{0};
+  return d;
+}
+
 }  // namespace qel::test

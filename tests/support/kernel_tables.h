@@ -16,18 +16,6 @@
 
 namespace qel::test {
 
-// Runs a tool as the module does, except that its limits stay within this
-// process's hard limits: a test runner without CAP_SYS_RESOURCE cannot raise
-// them, and the tool would end before it starts.
-inline oro::result_t SpawnWithinHardLimits(tools::SpawnContext& context) {
-  for (auto& limit : context.rlimits) {
-    rlimit current{};
-    if (getrlimit(limit.resource, &current) != 0) continue;
-    limit.hard = std::min(limit.hard, current.rlim_max);
-    limit.soft = std::min(limit.soft, limit.hard);
-  }
-  return tools::SecureSpawn(context);
-}
 
 struct ToolRun {
   int exitCode = -1;
@@ -41,7 +29,7 @@ inline ToolRun RunTool(std::vector<std::string> argv) {
   tools::InitSpawnContext(context, std::move(argv));
   context.output.emplace();
   context.errorOutput.emplace();
-  if (oro::Failed(SpawnWithinHardLimits(context)) || !context.exitCode) {
+  if (oro::Failed(tools::SecureSpawn(context)) || !context.exitCode) {
     throw std::runtime_error("cannot run " + tools::SpawnReport(context));
   }
   return {*context.exitCode, *context.output, *context.errorOutput};

@@ -31,9 +31,9 @@ class ServiceRig {
     locator->Register(static_cast<oro::ITimer*>(timer.Get()));
     locator->Register(static_cast<oro::IEventPublisher*>(publisher.Get()));
     locator->Register(static_cast<tools::IFeatureTechsAggregator*>(Make<FakeFeatureTechsAggregator>().Get()));
-    Require(CreateInstance(provider, locator.Get(), SpawnWithinHardLimits), "IptablesInfoProvider");
+    Require(CreateInstance(provider, locator.Get()), "IptablesInfoProvider");
     locator->Register(static_cast<firewall::IIptablesInfoProvider*>(provider.Get()));
-    Require(CreateInstance(real, locator.Get(), SpawnWithinHardLimits), "IptablesFirewall");
+    Require(CreateInstance(real, locator.Get()), "IptablesFirewall");
     firewall = Make<CountingFirewall>(real);
     // Only the decorator is offered, so that every kernel call is counted.
     locator->Register(static_cast<firewall::IFirewallStateQuery*>(firewall.Get()));
