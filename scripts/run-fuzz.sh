@@ -64,8 +64,14 @@ run_target() {
   mkdir -p "$corpus" "$findings"
   [[ -d $seeds ]] && cp -a "$seeds/." "$corpus/"
   echo "=== fuzzing $name for $seconds s ==="
-  "$binary" "$corpus" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=8192 \
-    -print_final_stats=1 -artifact_prefix="$findings/"
+  # The fuzzer's progress lines go to a log; a finding shows its tail.
+  local log="$findings/fuzz.log"
+  if ! "$binary" "$corpus" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=8192 \
+      -print_final_stats=1 -artifact_prefix="$findings/" >"$log" 2>&1; then
+    tail -n 60 "$log"
+    return 1
+  fi
+  grep -E '^(Done|stat::number_of_executed_units|stat::peak_rss_mb)' "$log" || true
 }
 
 # The configure step looks for the libraries of the whole tree.
