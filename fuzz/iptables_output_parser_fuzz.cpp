@@ -56,40 +56,25 @@ bool AreCleanTokens(const Tokens& tokens) {
                       [](const std::string& token) { return token.empty() || token.find(' ') != std::string::npos; });
 }
 
-bool HasNoBookkeeping(const Rule& rule) {
-  return rule.tag.empty() && rule.ruleName.empty() && rule.ruleItem.empty() && rule.zoneName.empty();
-}
-
-void CheckPolicyRule(const Chain& chain, std::size_t position) {
-  const Rule& policy = chain.ruleList[position];
-  Require(policy.match.empty() && policy.target.size() == 1 && !policy.target[0].empty() && !policy.isGoto,
-          "a policy rule holds one non-empty policy word and nothing else");
-  Require(!IsBuiltInChain(chain.name) || position + 1 == chain.ruleList.size(),
-          "a built-in chain's policy rule is its last rule");
-}
-
-void CheckOrdinaryRule(const Rule& rule) {
-  Require(AreCleanTokens(rule.match) && AreCleanTokens(rule.target), "rule tokens are non-empty and blank-free");
-  Require(!rule.match.empty() || !rule.target.empty(), "a rule has a match or a target");
-  Require(!rule.isGoto || !rule.target.empty(), "a goto rule has a target");
-}
-
 void CheckChain(const Chain& chain) {
   const auto policies =
       std::count_if(chain.ruleList.begin(), chain.ruleList.end(), [](const Rule& rule) { return rule.isPolicy; });
   Require(policies <= 1, "a chain has at most one policy rule");
-  for (std::size_t position = 0; position < chain.ruleList.size(); ++position) {
-    const Rule& rule = chain.ruleList[position];
-    Require(HasNoBookkeeping(rule), "parsed rules carry no bookkeeping");
+  for (const Rule& rule : chain.ruleList) {
+    Require(rule.tag.empty() && rule.ruleName.empty() && rule.ruleItem.empty() && rule.zoneName.empty(),
+            "parsed rules carry no bookkeeping");
     if (rule.isPolicy) {
-      CheckPolicyRule(chain, position);
+      Require(rule.match.empty() && rule.target.size() == 1 && !rule.target[0].empty() && !rule.isGoto,
+              "a policy rule holds one non-empty policy word and nothing else");
+      Require(!IsBuiltInChain(chain.name) || &rule == &chain.ruleList.back(),
+              "a built-in chain's policy rule is its last rule");
     } else {
-      CheckOrdinaryRule(rule);
+      Require(AreCleanTokens(rule.match) && AreCleanTokens(rule.target), "rule tokens are non-empty and blank-free");
+      Require(!rule.match.empty() || !rule.target.empty(), "a rule has a match or a target");
+      Require(!rule.isGoto || !rule.target.empty(), "a goto rule has a target");
     }
   }
 }
-
-bool EndsWithJumpWord(const std::string& token) { return token.ends_with("-j") || token.ends_with("-g"); }
 
 // Printing joins a rule's last match token to the jump word with a blank, so
 // a token ending in "-j" or "-g" turns into a jump of its own when read back.
@@ -100,7 +85,10 @@ bool PrintsLosslessly(const State& state) {
   for (const auto& chain : state.chainList) {
     if (IsBuiltInChain(chain.name) && !chain.ruleList.empty() && !chain.ruleList.back().isPolicy) return false;
     for (const auto& rule : chain.ruleList) {
-      if (!rule.target.empty() && !rule.match.empty() && EndsWithJumpWord(rule.match.back())) return false;
+      if (!rule.target.empty() && !rule.match.empty() &&
+          (rule.match.back().ends_with("-j") || rule.match.back().ends_with("-g"))) {
+        return false;
+      }
     }
   }
   return true;

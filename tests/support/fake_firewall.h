@@ -25,45 +25,41 @@ struct CallJournal {
   }
 };
 
-class FakePacketRules final : public ObjectImpl<FakePacketRules, firewall::IPacketRules> {
+// A fake that writes its calls to a journal.
+struct Journaled {
+  explicit Journaled(std::shared_ptr<CallJournal> journal) : m_journal(std::move(journal)) {}
+  oro::result_t Record(const std::string& call, bool flag) {
+    return m_journal->Record(call + (flag ? "(true)" : "(false)"));
+  }
+  std::shared_ptr<CallJournal> m_journal;
+};
+
+class FakePacketRules final : public ObjectImpl<FakePacketRules, firewall::IPacketRules>, Journaled {
  public:
-  explicit FakePacketRules(std::shared_ptr<CallJournal> journal) : m_journal(std::move(journal)) {}
+  using Journaled::Journaled;
   oro::result_t SetPacketRules(const settings::FirewallSettings& rules) noexcept override {
     lastRules = rules;
     return m_journal->Record("SetPacketRules");
   }
-  oro::result_t SetEnforce(bool doEnforce) noexcept override {
-    return m_journal->Record(doEnforce ? "SetEnforce(true)" : "SetEnforce(false)");
-  }
+  oro::result_t SetEnforce(bool doEnforce) noexcept override { return Record("SetEnforce", doEnforce); }
   settings::FirewallSettings lastRules;
-
- private:
-  std::shared_ptr<CallJournal> m_journal;
 };
 
-class FakeOstraPorts final : public ObjectImpl<FakeOstraPorts, firewall::IOstraPortsControl> {
+class FakeOstraPorts final : public ObjectImpl<FakeOstraPorts, firewall::IOstraPortsControl>, Journaled {
  public:
-  explicit FakeOstraPorts(std::shared_ptr<CallJournal> journal) : m_journal(std::move(journal)) {}
-  oro::result_t SetApply(bool doApply) noexcept override {
-    return m_journal->Record(doApply ? "SetApply(true)" : "SetApply(false)");
-  }
-
- private:
-  std::shared_ptr<CallJournal> m_journal;
+  using Journaled::Journaled;
+  oro::result_t SetApply(bool doApply) noexcept override { return Record("SetApply", doApply); }
 };
 
-class FakeRuleLogger final : public firewall::RuleLogger {
+class FakeRuleLogger final : public firewall::RuleLogger, Journaled {
  public:
-  explicit FakeRuleLogger(std::shared_ptr<CallJournal> journal) : m_journal(std::move(journal)) {}
+  using Journaled::Journaled;
   oro::result_t Start(const firewall::NflogGroupList& groups) override {
     std::string call = "Logger.Start(";
     for (std::size_t i = 0; i < groups.size(); ++i) call += (i ? "," : "") + std::to_string(groups[i]);
     return m_journal->Record(call + ")");
   }
   oro::result_t Stop() override { return m_journal->Record("Logger.Stop"); }
-
- private:
-  std::shared_ptr<CallJournal> m_journal;
 };
 
 class FakeInfoProvider final : public ObjectImpl<FakeInfoProvider, firewall::IIptablesInfoProvider> {
@@ -75,8 +71,7 @@ class FakeInfoProvider final : public ObjectImpl<FakeInfoProvider, firewall::IIp
   const char* GetIp6tablesRestore() const noexcept override { return "ip6tables-restore"; }
   bool IsVersionAtLeast_1_4_8() const noexcept override { return true; }
   bool SupportsWaitOption() const noexcept override { return true; }
-  bool IsIpv6Supported() const noexcept override { return ipv6; }
-  bool ipv6 = true;
+  bool IsIpv6Supported() const noexcept override { return true; }
 };
 
 // A dynamic rule as the agent's ports give them: incoming TCP to one port.

@@ -1,6 +1,7 @@
 // Fakes of the host framework's services: tracer, locator, stop events.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -26,19 +27,15 @@ class FakeTracer final : public ObjectImpl<FakeTracer, oro::ITracer> {
     std::lock_guard lock(m_mutex);
     return m_lines;
   }
-  // Whether some line of `level` contains `text`.
+  // Whether some line (of `level`, if given) contains `text`.
+  bool Contains(const std::string& text) { return Contains(kAnyLevel, text); }
   bool Contains(std::uint32_t level, const std::string& text) {
-    for (const auto& [l, line] : Lines()) {
-      if (l == level && line.find(text) != std::string::npos) return true;
-    }
-    return false;
+    const auto lines = Lines();
+    return std::any_of(lines.begin(), lines.end(), [&](const auto& line) {
+      return (level == kAnyLevel || line.first == level) && line.second.find(text) != std::string::npos;
+    });
   }
-  bool Contains(const std::string& text) {
-    for (const auto& [l, line] : Lines()) {
-      if (line.find(text) != std::string::npos) return true;
-    }
-    return false;
-  }
+  static constexpr std::uint32_t kAnyLevel = ~0u;
 
  private:
   std::mutex m_mutex;
@@ -49,9 +46,7 @@ class FakeTracer final : public ObjectImpl<FakeTracer, oro::ITracer> {
 class FakeLocator final : public ObjectImpl<FakeLocator, oro::IServiceLocator> {
  public:
   template <class T>
-  void Register(const oro::RefPtr<T>& object) {
-    m_objects.push_back(oro::RefPtr<oro::IObject>::Share(object.Get()));
-  }
+  void Register(const oro::RefPtr<T>& object) { Register(object.Get()); }
   void Register(oro::IObject* object) { m_objects.push_back(oro::RefPtr<oro::IObject>::Share(object)); }
 
   oro::result_t GetInterface(oro::iid_t iid, void** out) noexcept override {
@@ -84,7 +79,6 @@ class FakeTimer final : public ObjectImpl<FakeTimer, oro::ITimer> {
   }
   oro::result_t CancelAndWait(oro::IRunnable* job) noexcept override {
     if (m_job.Get() == job) m_job.Reset();
-    ++cancels;
     return oro::errOk;
   }
   bool Armed() const { return static_cast<bool>(m_job); }
@@ -92,7 +86,6 @@ class FakeTimer final : public ObjectImpl<FakeTimer, oro::ITimer> {
   oro::result_t Fire() { return m_job ? m_job->Run() : oro::errInvalidState; }
 
   std::uint32_t interval = 0;
-  int cancels = 0;
 
  private:
   oro::RefPtr<oro::IRunnable> m_job;

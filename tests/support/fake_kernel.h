@@ -32,7 +32,6 @@ class FakeKernel final
   oro::result_t ChangeState(types::IPAddressFamily::Type family, const std::string& table,
                             const firewall::ChangeList& changes) noexcept override {
     ++changeCalls;
-    scripts.push_back(firewall::RestoreScript(table, changes));
     firewall::State state = TableOf({family, table});
     for (const auto& change : changes) {
       if (!Apply(state, change)) return oro::errUnexpected;  // nothing is committed
@@ -43,29 +42,20 @@ class FakeKernel final
 
   // The table as the listing shows it: built-in chains with their policy.
   firewall::State TableOf(const Table& table) const {
-    auto it = m_tables.find(table);
-    if (it != m_tables.end()) return it->second;
-    firewall::State state;
+    if (auto it = m_tables.find(table); it != m_tables.end()) return it->second;
     std::vector<const char*> builtins = {"INPUT", "FORWARD", "OUTPUT"};
     if (table.second == "mangle") builtins = {"PREROUTING", "INPUT", "FORWARD", "OUTPUT", "POSTROUTING"};
     if (table.second == "nat") builtins = {"PREROUTING", "INPUT", "OUTPUT", "POSTROUTING"};
-    for (const char* chain : builtins) {
-      firewall::Rule policy;
-      policy.isPolicy = true;
-      policy.target = {"ACCEPT"};
-      state.chainList.push_back({chain, {policy}});
-    }
+    firewall::Rule policy;
+    policy.isPolicy = true;
+    policy.target = {"ACCEPT"};
+    firewall::State state;
+    for (const char* chain : builtins) state.chainList.push_back({chain, {policy}});
     return state;
   }
-  firewall::State& Edit(const Table& table) {
-    if (!m_tables.count(table)) m_tables[table] = TableOf(table);
-    return m_tables[table];
-  }
   firewall::Chain* FindChain(const Table& table, const std::string& name) {
-    for (auto& chain : Edit(table).chainList) {
-      if (chain.name == name) return &chain;
-    }
-    return nullptr;
+    if (!m_tables.count(table)) m_tables[table] = TableOf(table);
+    return Find(m_tables[table], name);
   }
   // Rules of a chain without its policy, as canonical texts.
   std::vector<std::string> Texts(const Table& table, const std::string& chain) {
@@ -81,11 +71,13 @@ class FakeKernel final
   mutable int queries = 0;
   int changeCalls = 0;
   bool failQuery = false;
-  std::vector<std::string> scripts;
 
  private:
+  static bool OneOf(const std::string& word, std::initializer_list<const char*> words) {
+    return std::find(words.begin(), words.end(), word) != words.end();
+  }
   static bool IsBuiltin(const std::string& name) {
-    return name == "INPUT" || name == "FORWARD" || name == "OUTPUT" || name == "PREROUTING" || name == "POSTROUTING";
+    return OneOf(name, {"INPUT", "FORWARD", "OUTPUT", "PREROUTING", "POSTROUTING"});
   }
   static firewall::Chain* Find(firewall::State& state, const std::string& name) {
     for (auto& chain : state.chainList) {
@@ -93,75 +85,61 @@ class FakeKernel final
     }
     return nullptr;
   }
-  static firewall::Rule RuleOf(const firewall::Change& change) {
-    firewall::Rule rule;
-    rule.match = firewall::SplitTokens(change.match);
-    rule.target = firewall::SplitTokens(change.target);
-    rule.isGoto = change.isGoto;
-    return rule;
-  }
   static bool Referenced(const firewall::State& state, const std::string& name) {
     for (const auto& chain : state.chainList) {
       for (const auto& rule : chain.ruleList) {
-        if (!rule.isPolicy && rule.target.size() == 1 && rule.target[0] == name) return true;
+        if (!rule.isPolicy && rule.target == firewall::Tokens{name}) return true;
       }
     }
     return false;
-  }
-  // Rules of a chain are kept ahead of a built-in chain's policy.
-  static std::size_t RuleCount(const firewall::Chain& chain) {
-    return chain.ruleList.size() - (IsBuiltin(chain.name) ? 1 : 0);
   }
 
   static bool Apply(firewall::State& state, const firewall::Change& change) {
     using firewall::ChangeKind;
     firewall::Chain* chain = Find(state, change.chain);
+    if (!chain) {
+      if (change.kind == ChangeKind::CreateChain) state.chainList.push_back({change.chain, {}});
+      return change.kind == ChangeKind::CreateChain;
+    }
+    firewall::Rule rule;
+    rule.match = firewall::SplitTokens(change.match);
+    rule.target = firewall::SplitTokens(change.target);
+    rule.isGoto = change.isGoto;
     switch (change.kind) {
       case ChangeKind::CreateChain:
-        if (chain) return false;
-        state.chainList.push_back({change.chain, {}});
-        return true;
+        return false;
       case ChangeKind::AddRule: {
-        if (!chain) return false;
-        const auto rule = RuleOf(change);
-        if (rule.target.size() == 1 && !IsKnownTarget(rule.target[0]) && !Find(state, rule.target[0])) return false;
-        const std::size_t count = RuleCount(*chain);
-        if (change.position == -1) {
-          chain->ruleList.insert(chain->ruleList.begin() + static_cast<std::ptrdiff_t>(count), rule);
-          return true;
+        if (rule.target.size() == 1 && !OneOf(rule.target[0], {"ACCEPT", "DROP", "RETURN", "REJECT", "NFLOG", "LOG"}) &&
+            !Find(state, rule.target[0])) {
+          return false;
         }
-        if (change.position < 1 || static_cast<std::size_t>(change.position) > count + 1) return false;
-        chain->ruleList.insert(chain->ruleList.begin() + change.position - 1, rule);
+        // Rules are kept ahead of a built-in chain's policy.
+        const auto count = static_cast<std::int32_t>(chain->ruleList.size()) - (IsBuiltin(chain->name) ? 1 : 0);
+        const auto position = change.position == -1 ? count + 1 : change.position;
+        if (position < 1 || position > count + 1) return false;
+        chain->ruleList.insert(chain->ruleList.begin() + position - 1, std::move(rule));
         return true;
       }
       case ChangeKind::DeleteRule: {
-        if (!chain) return false;
-        const auto rule = RuleOf(change);
-        auto it = std::find_if(chain->ruleList.begin(), chain->ruleList.end(), [&](const firewall::Rule& r) {
-          return !r.isPolicy && firewall::RulesEqual(r, rule);
-        });
+        auto it = std::find_if(chain->ruleList.begin(), chain->ruleList.end(),
+                               [&](const firewall::Rule& r) { return !r.isPolicy && firewall::RulesEqual(r, rule); });
         if (it == chain->ruleList.end()) return false;
         chain->ruleList.erase(it);
         return true;
       }
       case ChangeKind::FlushChain:
-        if (!chain) return false;
         std::erase_if(chain->ruleList, [](const firewall::Rule& r) { return !r.isPolicy; });
         return true;
       case ChangeKind::DeleteChain:
-        if (!chain || IsBuiltin(chain->name) || !chain->ruleList.empty() || Referenced(state, change.chain)) {
+        if (IsBuiltin(chain->name) || !chain->ruleList.empty() || Referenced(state, change.chain)) {
           return false;
         }
         std::erase_if(state.chainList, [&](const firewall::Chain& c) { return c.name == change.chain; });
         return true;
       case ChangeKind::SetPolicy:
-        return chain && IsBuiltin(chain->name);
+        return IsBuiltin(chain->name);
     }
     return false;
-  }
-  static bool IsKnownTarget(const std::string& target) {
-    return target == "ACCEPT" || target == "DROP" || target == "RETURN" || target == "REJECT" || target == "NFLOG" ||
-           target == "LOG";
   }
 
   std::map<Table, firewall::State> m_tables;

@@ -12,36 +12,30 @@
 
 namespace qel::test {
 
-inline std::string ListingDeclaration(const firewall::Chain& chain) {
-  const auto policy = std::find_if(chain.ruleList.begin(), chain.ruleList.end(),
-                                   [](const firewall::Rule& rule) { return rule.isPolicy; });
-  if (policy == chain.ruleList.end()) return "-N " + chain.name;
-  firewall::Change change;
-  change.kind = firewall::ChangeKind::SetPolicy;
-  change.chain = chain.name;
-  change.target = firewall::JoinTokens(policy->target);
-  return firewall::ChangeLine(change);
-}
-
-inline std::string ListingRuleLine(const std::string& chain, const firewall::Rule& rule) {
-  firewall::Change change;
-  change.kind = firewall::ChangeKind::AddRule;
-  change.chain = chain;
-  change.match = firewall::JoinTokens(rule.match);
-  change.target = firewall::JoinTokens(rule.target);
-  change.isGoto = rule.isGoto;
-  return firewall::ChangeLine(change);
-}
-
 inline std::string PrintListing(const firewall::State& state) {
-  std::string text;
-  for (const auto& chain : state.chainList) text += ListingDeclaration(chain) + "\n";
+  std::string declarations, rules;
   for (const auto& chain : state.chainList) {
+    firewall::Change change;
+    change.chain = chain.name;
+    const auto policy = std::find_if(chain.ruleList.begin(), chain.ruleList.end(),
+                                     [](const firewall::Rule& rule) { return rule.isPolicy; });
+    if (policy == chain.ruleList.end()) {
+      declarations += "-N " + chain.name + "\n";
+    } else {
+      change.kind = firewall::ChangeKind::SetPolicy;
+      change.target = firewall::JoinTokens(policy->target);
+      declarations += firewall::ChangeLine(change) + "\n";
+    }
+    change.kind = firewall::ChangeKind::AddRule;
     for (const auto& rule : chain.ruleList) {
-      if (!rule.isPolicy) text += ListingRuleLine(chain.name, rule) + "\n";
+      if (rule.isPolicy) continue;
+      change.match = firewall::JoinTokens(rule.match);
+      change.target = firewall::JoinTokens(rule.target);
+      change.isGoto = rule.isGoto;
+      rules += firewall::ChangeLine(change) + "\n";
     }
   }
-  return text;
+  return declarations + rules;
 }
 
 }  // namespace qel::test

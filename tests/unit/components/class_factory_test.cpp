@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <tuple>
 
 #include "oro/exception.h"
 #include "support/fake_framework.h"
@@ -49,25 +50,19 @@ TEST(ClassFactory, ExceptionsBecomeCodesAndAreTraced) {
   auto factory = oro::RefPtr<oro::IObjectFactory>::Adopt(ProbeFactory::Make());
   const std::uint32_t locksWithFactory = ModuleLockCount();
 
-  struct Case {
-    Outcome outcome;
-    oro::result_t expected;
-    const char* traced;
+  const std::tuple<Outcome, oro::result_t, std::string> cases[] = {
+      {Outcome::FailFinalConstruct, oro::errAlreadyExists, ""},
+      {Outcome::ThrowFramework, oro::errTimeout, "probe timed out"},
+      {Outcome::ThrowNested, oro::errNotFound, "while wiring the probe"},
+      {Outcome::ThrowPlain, 0x80000150, "broken probe"},
   };
-  const Case cases[] = {
-      {Outcome::FailFinalConstruct, oro::errAlreadyExists, nullptr},
-      {Outcome::ThrowFramework, oro::errTimeout, "Exception during object construction: probe timed out"},
-      {Outcome::ThrowNested, oro::errNotFound, "Exception during object construction: while wiring the probe"},
-      {Outcome::ThrowPlain, 0x80000150, "Exception during object construction: broken probe"},
-  };
-  for (const auto& c : cases) {
-    g_outcome = c.outcome;
+  for (const auto& [outcome, expected, traced] : cases) {
+    g_outcome = outcome;
     auto* sentinel = reinterpret_cast<oro::IObject*>(0x1);
-    EXPECT_EQ(factory->CreateInstance(locator.Get(), &sentinel), c.expected);
+    EXPECT_EQ(factory->CreateInstance(locator.Get(), &sentinel), expected);
     EXPECT_EQ(sentinel, reinterpret_cast<oro::IObject*>(0x1));
-    if (c.traced) {
-      EXPECT_TRUE(tracer->Contains(oro::trace_level::Error, c.traced)) << c.traced;
-    }
+    EXPECT_EQ(tracer->Contains(oro::trace_level::Error, "Exception during object construction: " + traced),
+              !traced.empty());
     // The half-built object is gone and holds no lock; FinalRelease never ran.
     EXPECT_EQ(ModuleLockCount(), locksWithFactory);
   }

@@ -10,17 +10,12 @@ namespace {
 
 using firewall::FirewallTask;
 using settings::FirewallSettings;
-using settings::PacketRule;
 using Calls = std::vector<std::string>;
 
 FirewallSettings SettingsWithLogging(std::initializer_list<bool> logs, bool openPorts = false) {
   FirewallSettings s;
   s.openOstraPorts = openPorts;
-  for (bool log : logs) {
-    PacketRule rule;
-    rule.doLogAttempts = log;
-    s.packetRules.push_back(rule);
-  }
+  for (bool log : logs) s.packetRules.emplace_back().doLogAttempts = log;
   return s;
 }
 
@@ -35,6 +30,11 @@ class FirewallTaskTest : public ::testing::Test {
 
   // The journal from here on.
   Calls TakeCalls() { return std::exchange(m_journal->calls, {}); }
+  FirewallSettings Stored() {
+    FirewallSettings read;
+    EXPECT_EQ(m_task->GetSettings(&read), oro::errOk);
+    return read;
+  }
 
   std::shared_ptr<CallJournal> m_journal = std::make_shared<CallJournal>();
   oro::RefPtr<FakeTracer> m_tracer = Make<FakeTracer>();
@@ -51,33 +51,24 @@ TEST(FirewallTaskLogGroups, GroupsFollowRuleIndexWhateverTheNeighbours) {
   EXPECT_TRUE(FirewallTask::GetLogGroups(SettingsWithLogging({})).empty());
 }
 
-TEST_F(FirewallTaskTest, StartDrivesLoggerPortsRulesAndEnforcementInOrder) {
+TEST_F(FirewallTaskTest, StartDrivesLoggerPortsRulesAndEnforcementInOrderOnce) {
+  EXPECT_EQ(m_task->Stop(), oro::errInvalidState);
   const auto settings = SettingsWithLogging({true, false}, true);
   ASSERT_EQ(m_task->SetSettings(&settings), oro::errOk);
   EXPECT_EQ(m_task->Start(7, nullptr), oro::errOk);
   EXPECT_EQ(TakeCalls(), (Calls{"Logger.Start(10001)", "SetApply(true)", "SetPacketRules", "SetEnforce(true)"}));
   EXPECT_EQ(m_packetRules->lastRules, settings);
-  EXPECT_TRUE(m_tracer->Contains("Firewall task started"));
-}
-
-TEST_F(FirewallTaskTest, SecondStartAndStopWhenStoppedAreRejected) {
-  EXPECT_EQ(m_task->Stop(), oro::errInvalidState);
-  EXPECT_TRUE(m_tracer->Contains(oro::trace_level::Error, "Firewall task is not started so it cannot be stopped"));
-  ASSERT_EQ(m_task->Start(1, nullptr), oro::errOk);
-  TakeCalls();
   EXPECT_EQ(m_task->Start(1, nullptr), oro::errInvalidState);
+  EXPECT_EQ(m_task->SetSettings(nullptr), oro::errInvalidArgument);
   EXPECT_TRUE(TakeCalls().empty());
-  EXPECT_TRUE(m_tracer->Contains("m_state == types::TaskState::Stopped"));
-  EXPECT_TRUE(m_tracer->Contains("Firewall task is not stopped so it cannot be started"));
 }
 
 TEST_F(FirewallTaskTest, FailedStartUndoesWhatItDidInReverse) {
-  struct Case {
+  const struct {
     std::string failing;
     Calls expected;
     std::string message;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"Logger.Start()", {"Logger.Start()"}, "Cannot start firewall rules logger"},
       {"SetApply(false)", {"Logger.Start()", "SetApply(false)", "Logger.Stop"}, "Cannot control ostra ports"},
       {"SetPacketRules",
@@ -85,15 +76,15 @@ TEST_F(FirewallTaskTest, FailedStartUndoesWhatItDidInReverse) {
        "Cannot set firewall packet rules"},
       {"SetEnforce(true)",
        {"Logger.Start()", "SetApply(false)", "SetPacketRules", "SetEnforce(true)", "SetApply(false)", "Logger.Stop"},
+       "(m_packetRules->SetEnforce(true)),(ORO_SUCCEEDED(_result)) failed: result = 0x80000221 (Timeout). "
        "Cannot turn on firewall packet rules enforcing"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.failing);
-    m_journal->failures = {{c.failing, oro::errUnexpected}};
-    EXPECT_EQ(m_task->Start(1, nullptr), oro::errUnexpected);
+    m_journal->failures = {{c.failing, oro::errTimeout}};
+    EXPECT_EQ(m_task->Start(1, nullptr), oro::errTimeout);
     EXPECT_EQ(TakeCalls(), c.expected);
     EXPECT_TRUE(m_tracer->Contains(oro::trace_level::Error, c.message));
-    EXPECT_TRUE(m_tracer->Contains("result = 0x8000004b"));
     // The task stayed stopped: a clean start works.
     m_journal->failures.clear();
     ASSERT_EQ(m_task->Start(1, nullptr), oro::errOk);
@@ -102,81 +93,50 @@ TEST_F(FirewallTaskTest, FailedStartUndoesWhatItDidInReverse) {
   }
 }
 
-TEST_F(FirewallTaskTest, FailedStartTracesTheFailedCallInAssertionForm) {
-  m_journal->failures = {{"SetEnforce(true)", oro::errTimeout}};
-  m_task->Start(1, nullptr);
-  EXPECT_TRUE(m_tracer->Contains(
-      oro::trace_level::Error,
-      "(m_packetRules->SetEnforce(true)),(ORO_SUCCEEDED(_result)) failed: result = 0x80000221 (Timeout). "
-      "Cannot turn on firewall packet rules enforcing"));
-  EXPECT_TRUE(m_tracer->Contains("firewall/firewall_task.cpp("));
-}
-
-TEST_F(FirewallTaskTest, StopGoesOnPastFailuresAndNotifiesTheSink) {
+TEST_F(FirewallTaskTest, StopGoesOnPastFailuresAndNotifiesTheSinkOnce) {
   auto sink = Make<FakeStopEvents>();
   ASSERT_EQ(m_task->Start(1, sink.Get()), oro::errOk);
   TakeCalls();
   m_journal->failures = {{"SetEnforce(false)", oro::errUnexpected}, {"Logger.Stop", oro::errUnexpected}};
   EXPECT_EQ(m_task->Stop(), oro::errOk);
   EXPECT_EQ(TakeCalls(), (Calls{"SetEnforce(false)", "Logger.Stop", "SetApply(false)"}));
-  EXPECT_TRUE(m_tracer->Contains("Cannot turn off firewall packet rules enforcing"));
-  EXPECT_TRUE(m_tracer->Contains("Cannot stop firewall rules logger"));
-  ASSERT_EQ(sink->completions.size(), 1u);
-  EXPECT_EQ(sink->completions[0].second, "Task successfully stopped");
   EXPECT_EQ(m_task->Stop(), oro::errInvalidState);
-  EXPECT_EQ(sink->completions.size(), 1u);
+  EXPECT_EQ(sink->completions, (std::vector<std::pair<oro::result_t, std::string>>{
+                                   {oro::errOk, "Task successfully stopped"}}));
 }
 
-TEST_F(FirewallTaskTest, SettingsOfAStoppedTaskAreOnlyStored) {
-  const auto settings = SettingsWithLogging({true}, true);
-  EXPECT_EQ(m_task->SetSettings(&settings), oro::errOk);
-  EXPECT_TRUE(TakeCalls().empty());
-  FirewallSettings read;
-  EXPECT_EQ(m_task->GetSettings(&read), oro::errOk);
-  EXPECT_EQ(read, settings);
-  // Construct does the same as SetSettings.
-  const auto other = SettingsWithLogging({false, false});
-  EXPECT_EQ(m_task->Construct(&other), oro::errOk);
-  m_task->GetSettings(&read);
-  EXPECT_EQ(read, other);
-}
-
+// The logger follows the new groups even when the rules could not be
+// updated; the settings are kept only when they were applied. A stopped task
+// only stores them.
 TEST_F(FirewallTaskTest, LiveSettingsChangeRestartsTheLoggerOnTheNewGroups) {
-  ASSERT_EQ(m_task->Start(1, nullptr), oro::errOk);
-  TakeCalls();
-  const auto settings = SettingsWithLogging({false, true}, true);
-  EXPECT_EQ(m_task->SetSettings(&settings), oro::errOk);
-  EXPECT_EQ(TakeCalls(), (Calls{"Logger.Stop", "SetApply(true)", "SetPacketRules", "Logger.Start(10002)"}));
-  FirewallSettings read;
-  m_task->GetSettings(&read);
-  EXPECT_EQ(read, settings);
-}
-
-TEST_F(FirewallTaskTest, FailedLiveRuleUpdateKeepsOldSettingsButLogsNewGroups) {
-  const auto old = SettingsWithLogging({true});
-  ASSERT_EQ(m_task->SetSettings(&old), oro::errOk);
-  ASSERT_EQ(m_task->Start(1, nullptr), oro::errOk);
-  TakeCalls();
-  m_journal->failures = {{"SetPacketRules", oro::errInvalidArgument}};
-  const auto bad = SettingsWithLogging({false, true});
-  EXPECT_EQ(m_task->SetSettings(&bad), oro::errInvalidArgument);
-  EXPECT_EQ(TakeCalls(), (Calls{"Logger.Stop", "SetApply(false)", "SetPacketRules", "Logger.Start(10002)"}));
-  EXPECT_TRUE(m_tracer->Contains("Cannot update firewall packet rules"));
-  FirewallSettings read;
-  m_task->GetSettings(&read);
-  EXPECT_EQ(read, old);
-}
-
-TEST_F(FirewallTaskTest, LiveChangeStopsAtALoggerThatWillNotStop) {
-  ASSERT_EQ(m_task->Start(1, nullptr), oro::errOk);
-  TakeCalls();
-  m_journal->failures = {{"Logger.Stop", oro::errUnexpected}};
-  const auto settings = SettingsWithLogging({true}, true);
-  EXPECT_EQ(m_task->SetSettings(&settings), oro::errUnexpected);
-  EXPECT_EQ(TakeCalls(), (Calls{"Logger.Stop"}));
-  FirewallSettings read;
-  m_task->GetSettings(&read);
-  EXPECT_EQ(read, FirewallSettings{});
+  const auto old = SettingsWithLogging({true}), next = SettingsWithLogging({false, true}, true);
+  const struct {
+    std::string failing;
+    oro::result_t result;
+    Calls calls;
+    const FirewallSettings& stored;
+  } cases[] = {
+      {"", oro::errOk, {"Logger.Stop", "SetApply(true)", "SetPacketRules", "Logger.Start(10002)"}, next},
+      {"SetPacketRules", oro::errInvalidArgument,
+       {"Logger.Stop", "SetApply(true)", "SetPacketRules", "Logger.Start(10002)"}, old},
+      {"SetApply(true)", oro::errUnexpected, {"Logger.Stop", "SetApply(true)", "Logger.Start(10002)"}, old},
+      {"Logger.Stop", oro::errUnexpected, {"Logger.Stop"}, old},  // a logger that will not stop ends it
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.failing);
+    m_journal->failures.clear();
+    ASSERT_EQ(m_task->Construct(&old), oro::errOk);
+    EXPECT_TRUE(TakeCalls().empty());
+    EXPECT_EQ(Stored(), old);
+    ASSERT_EQ(m_task->Start(1, nullptr), oro::errOk);
+    TakeCalls();
+    m_journal->failures = {{c.failing, c.result}};
+    EXPECT_EQ(m_task->SetSettings(&next), c.result);
+    EXPECT_EQ(TakeCalls(), c.calls);
+    EXPECT_EQ(Stored(), c.stored);
+    m_task->Stop();
+    TakeCalls();
+  }
 }
 
 TEST_F(FirewallTaskTest, PauseIsNotSupportedAndInterfacesAnswerByIid) {

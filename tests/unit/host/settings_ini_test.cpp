@@ -7,12 +7,13 @@
 
 #include "host/compile_command.h"
 
+// Designated initializers spell out only the fields that a case is about.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 namespace qel::host {
 namespace {
 
-using settings::PacketRuleAction;
-using settings::PacketRuleDirection;
-using settings::PacketRuleProtocol;
+using namespace settings;
 
 LoadedSettings Parse(const std::string& text) {
   std::istringstream in(text);
@@ -30,46 +31,26 @@ std::string ErrorOf(const std::string& text) {
 
 TEST(SettingsIni, ReadsSettingsAndRulesInFileOrder) {
   const auto loaded = Parse(
-      "[settings]\n"
-      "defaultIncomingAction = Allow            ; Allow | Block\n"
-      "openOstraPorts = true\n"
+      "[settings]\ndefaultIncomingAction = Allow            ; Allow | Block\nopenOstraPorts = true\n"
       "networkZonesTrusted = 10.0.0.0/8; fd00::/8\n"
-      "[rule ssh]\n"
-      "action = Allow\n"
-      "direction = Incoming   ; stateful\n"
-      "protocol = TCP\n"
-      "localPorts = 22\n"
-      "doLogAttempts = true\n"
-      "remoteAddress = 10.0.0.1; fe80::1   ; spaced out\n"
-      "[rule second]\n"
-      "name = Block Telnet\n"
-      "action = Block\n"
-      "direction = OutgoingPacket\n");
-  const auto& s = loaded.settings;
-  EXPECT_EQ(s.defaultIncomingAction, PacketRuleAction::Allow);
-  EXPECT_EQ(s.defaultIncomingPacketAction, PacketRuleAction::Allow);
-  EXPECT_TRUE(s.openOstraPorts);
-  EXPECT_EQ(s.networkZonesTrusted, (std::vector<std::u16string>{u"10.0.0.0/8", u"fd00::/8"}));
-  ASSERT_EQ(s.packetRules.size(), 2u);
-  EXPECT_EQ(s.packetRules[0].name, u"ssh");
-  EXPECT_EQ(s.packetRules[0].direction, PacketRuleDirection::Incoming);
-  EXPECT_EQ(s.packetRules[0].protocol, PacketRuleProtocol::TCP);
-  EXPECT_EQ(s.packetRules[0].localPorts, u"22");
-  EXPECT_EQ(s.packetRules[0].remotePorts, u"Any");
-  EXPECT_TRUE(s.packetRules[0].doLogAttempts);
-  EXPECT_EQ(s.packetRules[0].remoteAddress, u"10.0.0.1;fe80::1");
-  EXPECT_EQ(s.packetRules[1].name, u"Block Telnet");
-  EXPECT_EQ(s.packetRules[1].protocol, PacketRuleProtocol::Any);
+      "[rule ssh]\naction = Allow\ndirection = Incoming   ; stateful\nprotocol = TCP\nlocalPorts = 22\n"
+      "doLogAttempts = true\nremoteAddress = 10.0.0.1; fe80::1   ; spaced out\n"
+      "[rule second]\nname = Block Telnet\naction = Block\ndirection = OutgoingPacket\n");
+  const FirewallSettings expected{
+      .defaultIncomingAction = PacketRuleAction::Allow,
+      .packetRules = {{.name = u"ssh", .direction = PacketRuleDirection::Incoming, .protocol = PacketRuleProtocol::TCP,
+                       .localPorts = u"22", .remoteAddress = u"10.0.0.1;fe80::1", .doLogAttempts = true},
+                      {.name = u"Block Telnet", .action = PacketRuleAction::Block,
+                       .direction = PacketRuleDirection::OutgoingPacket}},
+      .openOstraPorts = true,
+      .networkZonesTrusted = {u"10.0.0.0/8", u"fd00::/8"}};
+  EXPECT_EQ(loaded.settings, expected);
   EXPECT_EQ(loaded.ruleSections, (std::vector<std::string>{"rule ssh", "rule second"}));
 }
 
 TEST(SettingsIni, ErrorsNameSectionKeyAndReason) {
   const std::string rule = "[rule ssh]\naction = Allow\ndirection = Incoming\n";
-  struct Case {
-    std::string text;
-    std::string error;
-  };
-  const Case cases[] = {
+  const std::pair<std::string, std::string> cases[] = {
       {"[rule ssh]\naction = Allow\n", "[rule ssh] direction: missing (it is required)"},
       {"[rule ssh]\naction = allow\ndirection = Incoming\n", "[rule ssh] action: 'allow' is not one of Allow, Block"},
       {rule + "protocol = SCTP\n", "[rule ssh] protocol: 'SCTP' is not one of Any, ICMP"},
@@ -81,19 +62,19 @@ TEST(SettingsIni, ErrorsNameSectionKeyAndReason) {
       {rule + "protocol = TCP\nlocalPorts = 22x\n", "[rule ssh] localPorts: '22x': bad lexical cast"},
       {rule + "action = Block\n", "duplicate key name"},
   };
-  for (const auto& c : cases) {
-    EXPECT_NE(ErrorOf(c.text).find(c.error), std::string::npos) << "got: " << ErrorOf(c.text);
+  for (const auto& [text, error] : cases) {
+    const std::string got = ErrorOf(text);
+    EXPECT_NE(got.find(error), std::string::npos) << "got: " << got;
   }
 }
 
 TEST(CompileCommand, PrintsBothFamiliesOrOnlyTheErrorOnStderr) {
-  const std::string dir = ::testing::TempDir();
-  const std::string good = dir + "/good.ini", bad = dir + "/bad.ini";
+  const std::string good = ::testing::TempDir() + "/good.ini", bad = ::testing::TempDir() + "/bad.ini";
   std::ofstream(good) << "[rule ping6]\naction = Block\ndirection = IncomingPacket\nprotocol = ICMPv6\n"
                          "icmpType = 128\nlocalAddress = fe80::/10\n";
   std::ofstream(bad) << "[rule ssh]\naction = Allow\ndirection = Incoming\nremoteAddress = 10.0.0.0/33\n";
 
-  std::ostringstream out, err;
+  std::ostringstream out, err, onlyV4;
   EXPECT_EQ(RunCompileCommand(good, std::nullopt, out, err), 0);
   const std::string text = out.str();
   const auto v4in = text.find("# IPv4 incoming\n-i lo -j ACCEPT\n");
@@ -102,11 +83,9 @@ TEST(CompileCommand, PrintsBothFamiliesOrOnlyTheErrorOnStderr) {
                               "-d fe80::/10 -p ipv6-icmp -m icmp6 --icmpv6-type 128 -j DROP item_0000 name ping6\n");
   const auto v6out = text.find("# IPv6 outgoing\n");
   EXPECT_TRUE(v4in < v4out && v4out < v6in && v6in < v6out && v6out != std::string::npos) << text;
-  EXPECT_TRUE(err.str().empty());
-
-  std::ostringstream onlyV4;
   EXPECT_EQ(RunCompileCommand(good, types::IPAddressFamily::IPv4, onlyV4, err), 0);
   EXPECT_EQ(onlyV4.str().find("IPv6"), std::string::npos);
+  EXPECT_TRUE(err.str().empty());
 
   std::ostringstream badOut, badErr;
   EXPECT_NE(RunCompileCommand(bad, std::nullopt, badOut, badErr), 0);

@@ -10,7 +10,6 @@ namespace qel::test {
 namespace {
 
 using firewall::Chain;
-using firewall::ChangeLine;
 using firewall::Rule;
 using firewall::State;
 using Lines = std::vector<std::string>;
@@ -26,11 +25,8 @@ Rule R(const std::string& match, const std::string& target) {
 
 // The module's usual shape: INPUT jumps to vorn_input, which holds `rules`.
 State Wanted(std::vector<Rule> rules) {
-  State state;
-  if (rules.empty()) return state;
-  state.chainList.push_back(Chain{"INPUT", {R("", "vorn_input")}});
-  state.chainList.push_back(Chain{"vorn_input", std::move(rules)});
-  return state;
+  if (rules.empty()) return {};
+  return State{{Chain{"INPUT", {R("", "vorn_input")}}, Chain{"vorn_input", std::move(rules)}}};
 }
 
 class TableReconcilerTest : public ::testing::Test {
@@ -38,17 +34,19 @@ class TableReconcilerTest : public ::testing::Test {
   // One synchronisation: compare, apply to the fake kernel, remember what
   // was installed. Returns the script lines.
   Lines Sync(const State& next) {
-    const State current = kernel->TableOf(kFilter);
-    last = firewall::TableReconciler(tracer, "test ").Reconcile(previous, current, next);
+    last = firewall::TableReconciler(tracer, "test ").Reconcile(previous, kernel->TableOf(kFilter), next);
     Lines lines;
-    for (const auto& change : last.changes) lines.push_back(ChangeLine(change));
+    for (const auto& change : last.changes) lines.push_back(firewall::ChangeLine(change));
     if (!last.changes.empty()) {
       EXPECT_EQ(kernel->ChangeState(kFilter.first, kFilter.second, last.changes), oro::errOk)
-          << kernel->scripts.back();
+          << ::testing::PrintToString(lines);
     }
     previous = next;
     return lines;
   }
+  // Rules in the kernel, for changes made behind the module's back.
+  std::vector<Rule>& InKernel(const std::string& chain) { return kernel->FindChain(kFilter, chain)->ruleList; }
+  Lines Texts(const std::string& chain) { return kernel->Texts(kFilter, chain); }
 
   oro::RefPtr<FakeKernel> kernel = Make<FakeKernel>();
   tracing::Tracer tracer;
@@ -57,67 +55,63 @@ class TableReconcilerTest : public ::testing::Test {
 };
 
 TEST_F(TableReconcilerTest, FirstSyncCreatesChainsAndPutsTheJumpFirstThenConverges) {
-  kernel->Edit(kFilter).chainList[0].ruleList.insert(kernel->Edit(kFilter).chainList[0].ruleList.begin(),
-                                                     R("-s 192.0.2.1/32", "DROP"));
-  EXPECT_EQ(Sync(Wanted({R("-i lo", "ACCEPT"), R("", "DROP")})),
-            (Lines{":vorn_input - [0:0]", "-I INPUT 1 -j vorn_input", "-A vorn_input -i lo -j ACCEPT",
-                   "-A vorn_input -j DROP"}));
-  EXPECT_EQ(kernel->Texts(kFilter, "INPUT"), (Lines{"-j vorn_input", "-s 192.0.2.1/32 -j DROP"}));
-  EXPECT_TRUE(Sync(Wanted({R("-i lo", "ACCEPT"), R("", "DROP")})).empty());
+  InKernel("INPUT").insert(InKernel("INPUT").begin(), R("-s 192.0.2.1/32", "DROP"));
+  const auto wanted = Wanted({R("-i lo", "ACCEPT"), R("", "DROP")});
+  EXPECT_EQ(Sync(wanted), (Lines{":vorn_input - [0:0]", "-I INPUT 1 -j vorn_input", "-A vorn_input -i lo -j ACCEPT",
+                                 "-A vorn_input -j DROP"}));
+  EXPECT_EQ(Texts("INPUT"), (Lines{"-j vorn_input", "-s 192.0.2.1/32 -j DROP"}));
+  EXPECT_TRUE(Sync(wanted).empty());
 }
 
 TEST_F(TableReconcilerTest, SmallSettingsChangesGiveSmallScriptsInTheRightPlace) {
   const Rule a = R("-p tcp --dport 1", "ACCEPT"), b = R("-p tcp --dport 2", "ACCEPT"),
-             c = R("-p tcp --dport 3", "ACCEPT"), d = R("", "DROP");
+             c = R("-p tcp --dport 3", "ACCEPT"), d = R("", "DROP"), u = R("-p udp", "ACCEPT");
   Sync(Wanted({a, b, c, d}));
-  EXPECT_EQ(Sync(Wanted({a, R("-p udp", "ACCEPT"), b, c, d})), (Lines{"-I vorn_input 2 -p udp -j ACCEPT"}));
-  EXPECT_EQ(Sync(Wanted({a, R("-p udp", "ACCEPT"), c, d})), (Lines{"-D vorn_input -p tcp --dport 2 -j ACCEPT"}));
+  EXPECT_EQ(Sync(Wanted({a, u, b, c, d})), (Lines{"-I vorn_input 2 -p udp -j ACCEPT"}));
+  EXPECT_EQ(Sync(Wanted({a, u, c, d})), (Lines{"-D vorn_input -p tcp --dport 2 -j ACCEPT"}));
   // Reordering moves only what must move.
-  EXPECT_EQ(Sync(Wanted({c, a, R("-p udp", "ACCEPT"), d})), (Lines{"-D vorn_input -p tcp --dport 3 -j ACCEPT",
-                                                                    "-I vorn_input 1 -p tcp --dport 3 -j ACCEPT"}));
-  EXPECT_EQ(kernel->Texts(kFilter, "vorn_input"),
+  EXPECT_EQ(Sync(Wanted({c, a, u, d})),
+            (Lines{"-D vorn_input -p tcp --dport 3 -j ACCEPT", "-I vorn_input 1 -p tcp --dport 3 -j ACCEPT"}));
+  EXPECT_EQ(Texts("vorn_input"),
             (Lines{"-p tcp --dport 3 -j ACCEPT", "-p tcp --dport 1 -j ACCEPT", "-p udp -j ACCEPT", "-j DROP"}));
-  EXPECT_TRUE(Sync(Wanted({c, a, R("-p udp", "ACCEPT"), d})).empty());
+  EXPECT_TRUE(Sync(Wanted({c, a, u, d})).empty());
 }
 
 TEST_F(TableReconcilerTest, EqualRulesInAnUnluckyOrderStillEndInTheWantedOrder) {
   const Rule x = R("-p tcp", "ACCEPT"), y = R("-p udp", "ACCEPT");
   Sync(Wanted({x, y, x}));
   Sync(Wanted({y, x, x, y}));
-  EXPECT_EQ(kernel->Texts(kFilter, "vorn_input"),
+  EXPECT_EQ(Texts("vorn_input"),
             (Lines{"-p udp -j ACCEPT", "-p tcp -j ACCEPT", "-p tcp -j ACCEPT", "-p udp -j ACCEPT"}));
   Sync(Wanted({x, y}));
-  EXPECT_EQ(kernel->Texts(kFilter, "vorn_input"), (Lines{"-p tcp -j ACCEPT", "-p udp -j ACCEPT"}));
+  EXPECT_EQ(Texts("vorn_input"), (Lines{"-p tcp -j ACCEPT", "-p udp -j ACCEPT"}));
   EXPECT_TRUE(Sync(Wanted({x, y})).empty());
 }
 
 TEST_F(TableReconcilerTest, ForeignChangesAreReportedAndRepairedOnlyInOwnedChains) {
   const auto wanted = Wanted({R("-i lo", "ACCEPT"), R("-p tcp --dport 22", "ACCEPT"), R("", "DROP")});
   Sync(wanted);
-  auto* input = kernel->FindChain(kFilter, "vorn_input");
-  input->ruleList.erase(input->ruleList.begin() + 1);              // someone deletes a module rule
-  input->ruleList.push_back(R("-s 198.51.100.7/32", "ACCEPT"));    // and appends one of their own
-  kernel->FindChain(kFilter, "INPUT")->ruleList.insert(kernel->FindChain(kFilter, "INPUT")->ruleList.begin() + 1,
-                                                       R("-p icmp", "ACCEPT"));  // and uses INPUT
+  InKernel("vorn_input").erase(InKernel("vorn_input").begin() + 1);        // someone deletes a module rule
+  InKernel("vorn_input").push_back(R("-s 198.51.100.7/32", "ACCEPT"));      // and appends one of their own
+  InKernel("INPUT").insert(InKernel("INPUT").begin() + 1, R("-p icmp", "ACCEPT"));  // and uses INPUT
   Sync(wanted);
   ASSERT_EQ(last.missing.size(), 1u);
   EXPECT_EQ(firewall::RuleText(last.missing[0].rule), "-p tcp --dport 22 -j ACCEPT");
   ASSERT_EQ(last.extra.size(), 1u);
   EXPECT_EQ(last.extra[0].chain, "vorn_input");
-  EXPECT_EQ(kernel->Texts(kFilter, "vorn_input"), (Lines{"-i lo -j ACCEPT", "-p tcp --dport 22 -j ACCEPT", "-j DROP"}));
-  EXPECT_EQ(kernel->Texts(kFilter, "INPUT"), (Lines{"-j vorn_input", "-p icmp -j ACCEPT"}));
+  EXPECT_EQ(Texts("vorn_input"), (Lines{"-i lo -j ACCEPT", "-p tcp --dport 22 -j ACCEPT", "-j DROP"}));
+  EXPECT_EQ(Texts("INPUT"), (Lines{"-j vorn_input", "-p icmp -j ACCEPT"}));
   Sync(wanted);
   EXPECT_TRUE(last.missing.empty() && last.extra.empty() && last.changes.empty());
 }
 
 TEST_F(TableReconcilerTest, RulesNoLongerWantedAreNeitherMissingNorExtra) {
   Sync(Wanted({R("-p tcp", "ACCEPT"), R("-p udp", "ACCEPT")}));
-  kernel->FindChain(kFilter, "vorn_input")->ruleList.pop_back();  // removed by hand, and no longer wanted
+  InKernel("vorn_input").pop_back();  // removed by hand, and no longer wanted
   Sync(Wanted({R("-p tcp", "ACCEPT"), R("-p icmp", "ACCEPT")}));
-  EXPECT_TRUE(last.missing.empty());
-  EXPECT_TRUE(last.extra.empty());
+  EXPECT_TRUE(last.missing.empty() && last.extra.empty());
   // A foreign rule that happens to be wanted now is adopted, not reported.
-  kernel->FindChain(kFilter, "vorn_input")->ruleList.push_back(R("-p gre", "ACCEPT"));
+  InKernel("vorn_input").push_back(R("-p gre", "ACCEPT"));
   Sync(Wanted({R("-p tcp", "ACCEPT"), R("-p icmp", "ACCEPT"), R("-p gre", "ACCEPT")}));
   EXPECT_TRUE(last.extra.empty());
 }
@@ -125,16 +119,15 @@ TEST_F(TableReconcilerTest, RulesNoLongerWantedAreNeitherMissingNorExtra) {
 TEST_F(TableReconcilerTest, LeftoversOfADeadModuleAreAdoptedOrRemoved) {
   // As a killed module leaves it: chains, rules, a jump, and a chain the
   // new settings do not use.
-  State leftovers = Wanted({R("-p tcp", "ACCEPT"), R("-p udp", "DROP")});
+  State leftovers = Wanted({R("", "vorn_pre_isolation"), R("-p tcp", "ACCEPT"), R("-p udp", "DROP")});
   leftovers.chainList.push_back(Chain{"vorn_pre_isolation", {R("", "DROP")}});
-  leftovers.chainList[1].ruleList.insert(leftovers.chainList[1].ruleList.begin(), R("", "vorn_pre_isolation"));
-  kernel->ChangeState(kFilter.first, kFilter.second,
-                      firewall::TableReconciler(tracer, "").Reconcile({}, kernel->TableOf(kFilter), leftovers).changes);
+  Sync(leftovers);
+  previous = {};
   Sync(Wanted({R("-p tcp", "ACCEPT")}));
   EXPECT_EQ(last.extra.size(), 2u);  // the udp rule and the isolation jump
   EXPECT_TRUE(last.missing.empty());
-  EXPECT_EQ(kernel->Texts(kFilter, "INPUT"), (Lines{"-j vorn_input"}));
-  EXPECT_EQ(kernel->Texts(kFilter, "vorn_input"), (Lines{"-p tcp -j ACCEPT"}));
+  EXPECT_EQ(Texts("INPUT"), (Lines{"-j vorn_input"}));
+  EXPECT_EQ(Texts("vorn_input"), (Lines{"-p tcp -j ACCEPT"}));
   EXPECT_EQ(kernel->FindChain(kFilter, "vorn_pre_isolation"), nullptr);
 }
 
@@ -145,12 +138,11 @@ TEST_F(TableReconcilerTest, RemovingEverythingDropsTheJumpBeforeTheChains) {
 }
 
 TEST(RuleEquality, IgnoresTokenOrderQuotesAndBookkeeping) {
-  Rule a = R("-m comment --comment \"x\" -p tcp", "ACCEPT");
-  Rule b = R("-p tcp -m comment --comment x", "ACCEPT");
-  b.ruleName = "named";
-  b.tag = "ostra";
-  EXPECT_TRUE(firewall::RulesEqual(a, b));
-  EXPECT_FALSE(firewall::RulesEqual(a, R("-p tcp -m comment --comment x", "DROP")));
+  Rule named = R("-p tcp -m comment --comment x", "ACCEPT");
+  named.ruleName = "named";
+  named.tag = "ostra";
+  EXPECT_TRUE(firewall::RulesEqual(R("-m comment --comment \"x\" -p tcp", "ACCEPT"), named));
+  EXPECT_FALSE(firewall::RulesEqual(named, R("-p tcp -m comment --comment x", "DROP")));
   Rule gotoRule = R("", "vorn_bypass");
   gotoRule.isGoto = true;
   EXPECT_FALSE(firewall::RulesEqual(gotoRule, R("", "vorn_bypass")));
