@@ -37,6 +37,8 @@ SETTINGS=$here/examples/demo.ini
 
 readonly NS_HOST=fwdemo-$$-host NS_PEER=fwdemo-$$-peer
 readonly H4=10.77.0.1 P4=10.77.0.2 H6=fd77::1 P6=fd77::2
+# shellcheck source=scripts/netns-pair.sh
+source "$here/scripts/netns-pair.sh"
 WORK=$(mktemp -d /tmp/fwdemo.XXXXXX)
 HOST_PID=
 
@@ -74,25 +76,8 @@ in_peer() { ip netns exec "$NS_PEER" "$@"; }
 
 # --- namespaces, addresses, listeners ------------------------------------------
 
-# Where the machine has no /run/netns, a private /run holds it rather than
-# creating it on the machine.
-if [[ ! -d /run/netns ]]; then
-  mount -t tmpfs -o mode=0755,nosuid,nodev tmpfs /run
-  mkdir /run/netns
-fi
-mount -t tmpfs -o mode=0755,nosuid,nodev,noexec tmpfs /run/netns
-ip netns add "$NS_HOST"
-ip netns add "$NS_PEER"
-# Made inside the host namespace, its other end sent straight to the peer:
-# the pair never shows among the machine's own interfaces.
-ip -n "$NS_HOST" link add veth-h type veth peer name veth-p netns "$NS_PEER"
-ip -n "$NS_HOST" addr add "$H4/24" dev veth-h
-ip -n "$NS_PEER" addr add "$P4/24" dev veth-p
-ip -n "$NS_HOST" -6 addr add "$H6/64" dev veth-h nodad
-ip -n "$NS_PEER" -6 addr add "$P6/64" dev veth-p nodad
-for ns in "$NS_HOST" "$NS_PEER"; do ip -n "$ns" link set lo up; done
-ip -n "$NS_HOST" link set veth-h up
-ip -n "$NS_PEER" link set veth-p up
+private_netns_dir
+setup_namespace_pair
 
 listen() { # NS PORT WORD
   ip netns exec "$1" socat "TCP6-LISTEN:$2,ipv6only=0,reuseaddr,fork" "SYSTEM:echo $3" >/dev/null 2>&1 &

@@ -96,6 +96,8 @@ readonly BACKEND=$1 HOST_BIN=$2 EXAMPLES=$3 DIR=$4
 readonly RESULTS=$DIR/results
 readonly NS_HOST=fwe2e-$$-host NS_PEER=fwe2e-$$-peer
 readonly H4=10.77.0.1 P4=10.77.0.2 H6=fd77::1 P6=fd77::2
+# shellcheck source=scripts/netns-pair.sh
+source "$(dirname "$(realpath -e "$0")")/../../scripts/netns-pair.sh"
 # Documentation addresses: rules naming them never match the test traffic.
 readonly FOREIGN4=192.0.2.1/32 FOREIGN6=2001:db8::1/128
 
@@ -149,34 +151,6 @@ switch_backend() {
   mount -t tmpfs -o mode=0755,nosuid,nodev tmpfs /etc/alternatives
   cp -a "$copy/." /etc/alternatives/
   for name in "${IPTABLES_NAMES[@]}"; do ln -sfn "$multi" "/etc/alternatives/$name"; done
-}
-
-# The namespace names live on a private tmpfs too, so that an interrupted
-# run cannot leave entries behind in the machine's /run/netns. Where that
-# directory does not exist, a private /run holds it, rather than creating it
-# on the machine.
-private_netns_dir() {
-  if [[ ! -d /run/netns ]]; then
-    mount -t tmpfs -o mode=0755,nosuid,nodev tmpfs /run
-    mkdir /run/netns
-  fi
-  mount -t tmpfs -o mode=0755,nosuid,nodev,noexec tmpfs /run/netns
-}
-
-setup_namespaces() {
-  ip netns add "$NS_HOST"
-  ip netns add "$NS_PEER"
-  # Created inside the host namespace with its other end sent straight to the
-  # peer, so the pair never appears among the machine's own interfaces.
-  ip -n "$NS_HOST" link add veth-h type veth peer name veth-p netns "$NS_PEER"
-  ip -n "$NS_HOST" addr add "$H4/24" dev veth-h
-  ip -n "$NS_PEER" addr add "$P4/24" dev veth-p
-  ip -n "$NS_HOST" -6 addr add "$H6/64" dev veth-h nodad
-  ip -n "$NS_PEER" -6 addr add "$P6/64" dev veth-p nodad
-  ip -n "$NS_HOST" link set lo up
-  ip -n "$NS_PEER" link set lo up
-  ip -n "$NS_HOST" link set veth-h up
-  ip -n "$NS_PEER" link set veth-p up
 }
 
 # Listeners that answer with a word of their own, on both families (a v6
@@ -762,7 +736,7 @@ main() {
     return
   fi
   private_netns_dir
-  setup_namespaces
+  setup_namespace_pair
   start_listeners
   if ! precheck_network; then
     note "the namespaces do not talk to each other; the other checks would mean nothing"
