@@ -58,15 +58,18 @@ result_t IptablesFirewall::DoGetState(IPAddressFamily::Type family, const std::s
   tools::SpawnContext context;
   tools::InitSpawnContext(context, ListingCommand(family, table));
   CaptureOutputs(context);
+  // Listings run to tens of thousands of rules on every poll: they are
+  // parsed while the tool is still printing them.
+  State parsed;
+  IptablesListingParser parser(m_tracer.Get(), parsed);
+  context.outputObserver = [&parser](const std::string& output) { parser.ParseCompleteLines(output); };
   result_t result = RunTool(context);
   if (ORO_FAILED(result)) return result;
-  // Listings run to tens of thousands of rules on every poll: build their
-  // texts only for a reader.
+  // Build the listing's text only for a reader.
   if (m_tracer.Enabled(Detail)) m_tracer.Write(Detail, kGetStateName, " ", tools::SpawnReport(context));
 
   const std::string& output = *context.output;
-  State parsed;
-  result = ParseIptablesOutput(m_tracer.Get(), output, parsed);
+  result = parser.Finish(output);
   if (ORO_FAILED(result)) {
     QEL_TRACE_FAILED_CALL(m_tracer, "ParseIptablesOutput(GetTracer(), Convert(output), out)", result,
                           "Cannot parse output '" + output + "'");

@@ -196,16 +196,58 @@ oro::result_t ParseLine(oro::ITracer* tracer, const std::string_view& line, Stat
 
 }  // namespace
 
+class IptablesListingParser::Impl {
+ public:
+  Impl(oro::ITracer* tracer, State& out) : m_tracer(tracer), m_state(out), m_chains(out) {}
+
+  // Parses the lines of output[m_parsed, end); `end` is the end of a line.
+  void ParseUpTo(std::string_view output, std::size_t end) noexcept {
+    if (ORO_FAILED(m_result) || end <= m_parsed) return;
+    std::string_view lines = output.substr(m_parsed, end - m_parsed);
+    m_parsed = end;
+    try {
+      while (!lines.empty()) {
+        const std::string_view line = Trim(TakeLine(lines));
+        if (line.empty()) continue;
+        m_result = ParseLine(m_tracer, line, m_state, m_chains);
+        if (ORO_FAILED(m_result)) return;
+      }
+    } catch (const std::bad_alloc&) {
+      m_result = oro::errNoMemory;
+    }
+  }
+
+  oro::result_t Result() const noexcept { return m_result; }
+  std::size_t Parsed() const noexcept { return m_parsed; }
+
+ private:
+  oro::ITracer* m_tracer;
+  State& m_state;
+  ChainIndex m_chains;
+  std::size_t m_parsed = 0;
+  oro::result_t m_result = oro::errOk;
+};
+
+IptablesListingParser::IptablesListingParser(oro::ITracer* tracer, State& out)
+    : m_impl(std::make_unique<Impl>(tracer, out)) {}
+
+IptablesListingParser::~IptablesListingParser() = default;
+
+void IptablesListingParser::ParseCompleteLines(std::string_view output) noexcept {
+  const std::size_t lastNewline = output.rfind('\n');
+  if (lastNewline == std::string_view::npos || lastNewline < m_impl->Parsed()) return;
+  m_impl->ParseUpTo(output, lastNewline + 1);
+}
+
+oro::result_t IptablesListingParser::Finish(std::string_view output) noexcept {
+  m_impl->ParseUpTo(output, output.size());
+  return m_impl->Result();
+}
+
 oro::result_t ParseIptablesOutput(oro::ITracer* tracer, std::string_view output, State& out) {
   try {
-    ChainIndex chains(out);
-    while (!output.empty()) {
-      const std::string_view line = Trim(TakeLine(output));
-      if (line.empty()) continue;
-      const oro::result_t result = ParseLine(tracer, line, out, chains);
-      if (ORO_FAILED(result)) return result;
-    }
-    return oro::errOk;
+    IptablesListingParser parser(tracer, out);
+    return parser.Finish(output);
   } catch (const std::bad_alloc&) {
     return oro::errNoMemory;
   }

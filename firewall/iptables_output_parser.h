@@ -4,6 +4,7 @@
 // and append ("-A") lines are understood and every other line is ignored.
 #pragma once
 
+#include <memory>
 #include <string_view>
 
 #include "firewall/rule_model.h"
@@ -18,5 +19,28 @@ namespace qel::firewall {
 // error level) returns errUnexpected and leaves in `out` what the earlier
 // lines produced; memory exhaustion yields errNoMemory. `tracer` may be null.
 oro::result_t ParseIptablesOutput(oro::ITracer* tracer, std::string_view output, State& out);
+
+// The same parse over a listing that is still being read, so that a long
+// listing is parsed while the tool is still printing it. Each call is given
+// the whole text read so far, which only ever grows.
+class IptablesListingParser {
+ public:
+  // `out` must outlive the parser and is filled as in ParseIptablesOutput.
+  IptablesListingParser(oro::ITracer* tracer, State& out);
+  ~IptablesListingParser();
+  IptablesListingParser(const IptablesListingParser&) = delete;
+  IptablesListingParser& operator=(const IptablesListingParser&) = delete;
+
+  // Parses the complete lines not parsed yet; never throws. After a failure
+  // the rest is ignored and Finish reports it.
+  void ParseCompleteLines(std::string_view output) noexcept;
+  // Parses what is left, a last line without its newline included, and
+  // returns the outcome of the whole parse.
+  oro::result_t Finish(std::string_view output) noexcept;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> m_impl;
+};
 
 }  // namespace qel::firewall

@@ -421,6 +421,7 @@ class DataExchange {
         m_pending(context.input ? std::string_view(*context.input) : std::string_view()),
         m_output(std::move(pipes.output.parentEnd)),
         m_outputSink(context.output ? &*context.output : nullptr),
+        m_outputObserver(context.outputObserver),
         m_errorOutput(std::move(pipes.errorOutput.parentEnd)),
         m_errorSink(context.errorOutput ? &*context.errorOutput : nullptr) {
     if (m_input) m_sigpipe.emplace();
@@ -440,7 +441,9 @@ class DataExchange {
         return true;
       }
       if (watched[0].revents != 0) Feed();
-      if (watched[1].revents != 0) Drain(m_output, *m_outputSink);
+      if (watched[1].revents != 0 && Drain(m_output, *m_outputSink) && m_outputObserver) {
+        m_outputObserver(*m_outputSink);
+      }
       if (watched[2].revents != 0) Drain(m_errorOutput, *m_errorSink);
     }
     return true;
@@ -465,18 +468,21 @@ class DataExchange {
   // Tools write a few kilobytes at a time, so most reads return far less
   // than a chunk: reading into the sink's own tail would clear a whole chunk
   // of it for every one of them.
-  void Drain(UniqueFd& end, std::string& sink) {
+  // True when the sink grew.
+  bool Drain(UniqueFd& end, std::string& sink) {
     if (!m_readBuffer) m_readBuffer = std::make_unique_for_overwrite<char[]>(kReadChunk);
     const ssize_t got = ::read(end.Get(), m_readBuffer.get(), kReadChunk);
     const int error = errno;
     if (got > 0) sink.append(m_readBuffer.get(), static_cast<std::size_t>(got));
     if (got == 0 || (got < 0 && error != EAGAIN && error != EINTR)) end.Reset();
+    return got > 0;
   }
 
   UniqueFd m_input;
   std::string_view m_pending;
   UniqueFd m_output;
   std::string* m_outputSink;
+  const std::function<void(const std::string&)>& m_outputObserver;
   UniqueFd m_errorOutput;
   std::string* m_errorSink;
   std::optional<SigpipeSuppression> m_sigpipe;

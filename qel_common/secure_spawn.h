@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -47,6 +48,10 @@ struct SpawnContext {
   std::optional<std::string> input;        // written to the child's stdin
   std::optional<std::string> output;       // present: stdout is captured into it
   std::optional<std::string> errorOutput;  // present: stderr is captured into it
+  // Called after each read that added to `output`, with all of it so far:
+  // the caller can work through a long output while the child is still
+  // writing the rest. Must not throw.
+  std::function<void(const std::string& output)> outputObserver;
   std::vector<SpawnLimit> rlimits;         // defaults to RLIMIT_NOFILE 20480/20480
   std::int64_t timeoutMs = 0;              // <= 0: no time limit
   std::int64_t termGraceMs = 200;          // SIGTERM to SIGKILL

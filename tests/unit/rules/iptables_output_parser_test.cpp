@@ -123,6 +123,30 @@ TEST(IptablesOutputParser, CapturedListingParsesAndPrintsBackUnchanged) {
   EXPECT_EQ(ParseOk(test::PrintListing(expected)), expected) << test::PrintListing(expected);
 }
 
+// A listing parsed as it arrives, in pieces of any size, ends as the whole
+// text parsed at once would: lines cut in two are not parsed half.
+TEST(IptablesOutputParser, ListingReadInPiecesParsesAsAWhole) {
+  const std::string texts[] = {
+      "-P INPUT ACCEPT\n-N vorn_input\n-A INPUT -j vorn_input\n-A vorn_input -s 10.0.0.1/32 -p tcp -j DROP\n"
+      "-A vorn_input -m conntrack --ctdir REPLY-m comment --comment x -j ACCEPT",
+      "\t -P POSTROUTING DROP \r\n\v-A POSTROUTING -j ACCEPT\f\r\n   -N vorn_input\t\n\n",
+      "-N FOO\n-P OUTPUT DROP\n-A FOO -j X\n-P INPUT\n-N after\n",
+  };
+  for (const auto& text : texts) {
+    State whole;
+    const oro::result_t wholeResult = ParseIptablesOutput(nullptr, text, whole);
+    for (const std::size_t piece : {1, 5, 64}) {
+      State state;
+      IptablesListingParser parser(nullptr, state);
+      for (std::size_t read = piece; read < text.size(); read += piece) {
+        parser.ParseCompleteLines(std::string_view(text).substr(0, read));
+      }
+      EXPECT_EQ(parser.Finish(text), wholeResult) << text << " in pieces of " << piece;
+      EXPECT_EQ(state, whole) << text << " in pieces of " << piece << "\n" << DumpState(state);
+    }
+  }
+}
+
 // Many chains interleaved with many rules: every rule must find its own chain.
 TEST(IptablesOutputParser, LargeListingParsesBackUnchanged) {
   State state{{{"INPUT", {Policy("ACCEPT")}}}};
