@@ -1,6 +1,8 @@
 #include "firewall/firewall_service.h"
 
 #include <algorithm>
+#include <future>
+#include <system_error>
 
 #include "firewall/diagnostic_dump.h"
 #include "firewall/table_reconciler.h"
@@ -42,12 +44,11 @@ void AppendEntries(std::ostringstream& out, IPAddressFamily::Type family, const 
   }
 }
 
-bool IsEmpty(const State& state) { return state.chainList.empty(); }
+bool IsEmpty(const State* state) { return !state || state->chainList.empty(); }
 
-// On a poll with nothing to do the installed state already is the wanted
-// one; comparing costs no allocation, copying a large table many.
-void AdoptWanted(State& previous, const State& next) {
-  if (!(previous == next)) previous = next;
+const State& StateOrEmpty(const std::shared_ptr<const State>& state) {
+  static const State empty;
+  return state ? *state : empty;
 }
 
 }  // namespace
@@ -92,6 +93,7 @@ void FirewallService::FinalRelease() noexcept {
       m_compiled.reset();
       m_dynamicRules.clear();
       wasEnforcing = std::exchange(m_enforce, false);
+      ForgetWantedStates();
       m_polling = false;
     }
     SyncFirewallState(wasEnforcing);
@@ -115,9 +117,25 @@ bool FirewallService::SkipShuttingDown(const char* function) {
   return true;
 }
 
+// Large rule sets take milliseconds per family, so the two families are
+// compiled side by side; for small ones a thread would cost more than it
+// saves. An IPv4 error is the one reported when both fail, as when compiled
+// one after the other.
 FirewallService::Compiled FirewallService::Compile(const FirewallSettings& rules) const {
-  return Compiled{CompileRules(rules, IPAddressFamily::IPv4, m_suitableConntrack, m_tracer),
-                  CompileRules(rules, IPAddressFamily::IPv6, m_suitableConntrack, m_tracer)};
+  constexpr std::size_t kRulesWorthAThread = 512;
+  const auto compile = [&](IPAddressFamily::Type family) {
+    return CompileRules(rules, family, m_suitableConntrack, m_tracer);
+  };
+  std::future<CompiledRules> ipv6;
+  if (rules.packetRules.size() >= kRulesWorthAThread) {
+    try {
+      ipv6 = std::async(std::launch::async, compile, IPAddressFamily::IPv6);
+    } catch (const std::system_error&) {
+      // No thread to be had: compile in turn.
+    }
+  }
+  CompiledRules ipv4 = compile(IPAddressFamily::IPv4);
+  return Compiled{std::move(ipv4), ipv6.valid() ? ipv6.get() : compile(IPAddressFamily::IPv6)};
 }
 
 result_t FirewallService::SetPacketRules(const FirewallSettings& rules) noexcept {
@@ -146,6 +164,7 @@ result_t FirewallService::DoSetPacketRules(const FirewallSettings& rules) {
     oldRules = std::exchange(m_packetRules, rules);
     oldCompiled = std::exchange(m_compiled, std::move(compiled));
     enforcing = m_enforce;
+    ForgetWantedStates();
   }
   if (!enforcing) {
     // Packet rules reach the kernel only while enforcing, so there is
@@ -161,6 +180,7 @@ result_t FirewallService::DoSetPacketRules(const FirewallSettings& rules) {
       std::lock_guard lock(m_mutex);
       m_packetRules = std::move(oldRules);
       m_compiled = std::move(oldCompiled);
+      ForgetWantedStates();
     }
     SyncFirewallState();
   }
@@ -191,6 +211,7 @@ result_t FirewallService::DoAddRules(const RuleDescriptions& rules, const std::s
     std::lock_guard lock(m_mutex);
     firstAdded = m_dynamicRules.size();
     for (const auto& rule : rules) m_dynamicRules.push_back(TaggedRule{rule, tag});
+    ForgetWantedStates();
   }
   const result_t r = SyncFirewallState();
   if (ORO_FAILED(r)) {
@@ -199,6 +220,7 @@ result_t FirewallService::DoAddRules(const RuleDescriptions& rules, const std::s
     {
       std::lock_guard lock(m_mutex);
       m_dynamicRules.erase(m_dynamicRules.begin() + static_cast<std::ptrdiff_t>(firstAdded), m_dynamicRules.end());
+      ForgetWantedStates();
     }
     SyncFirewallState();
     return r;
@@ -224,6 +246,7 @@ result_t FirewallService::DoRemoveRules(const RuleDescriptions& rules) {
     std::erase_if(m_dynamicRules, [&](const TaggedRule& stored) {
       return std::find(rules.begin(), rules.end(), stored.description) != rules.end();
     });
+    ForgetWantedStates();
   }
   const result_t r = SyncFirewallState();
   if (ORO_FAILED(r)) return r;
@@ -243,6 +266,7 @@ result_t FirewallService::DoSetEnforce(bool doEnforce) {
     std::lock_guard lock(m_mutex);
     if (m_enforce == doEnforce) return oro::errOk;
     m_enforce = doEnforce;
+    ForgetWantedStates();
   }
   const bool unenforcing = !doEnforce;
   const result_t r = SyncFirewallState(unenforcing);
@@ -298,27 +322,35 @@ result_t FirewallService::RunPoll() noexcept {
 std::vector<IPAddressFamily::Type> FirewallService::Families() const {
   bool ipv6 = m_infoProvider->IsIpv6Supported();
   for (const auto& [table, state] : m_previousState) {
-    ipv6 = ipv6 || (table.first == IPAddressFamily::IPv6 && !IsEmpty(state));
+    ipv6 = ipv6 || (table.first == IPAddressFamily::IPv6 && !IsEmpty(state.get()));
   }
   if (ipv6) return {IPAddressFamily::IPv4, IPAddressFamily::IPv6};
   return {IPAddressFamily::IPv4};
 }
 
+void FirewallService::ForgetWantedStates() { m_wantedStates.clear(); }
+
+FirewallService::StatePtr FirewallService::WantedState(IPAddressFamily::Type family, const std::string& table) {
+  StatePtr& wanted = m_wantedStates[{family, table}];
+  if (!wanted) {
+    const CompiledRules* compiled = nullptr;
+    if (m_enforce && m_compiled) compiled = family == IPAddressFamily::IPv4 ? &m_compiled->ipv4 : &m_compiled->ipv6;
+    wanted = std::make_shared<const State>(ChainLayout::WantedState(family, table, compiled, m_dynamicRules));
+  }
+  return wanted;
+}
+
 result_t FirewallService::SyncFirewallState(bool unenforcing) {
   m_tracer.Write(Detail, "SyncFirewallState", "() ", "unenforcing=", unenforcing ? "true" : "false");
   std::lock_guard syncLock(m_syncMutex);
-  // Every table's wanted state is built from the stored rules under one
-  // lock, which makes it the consistent snapshot: copying the compiled
-  // rules first would copy tens of thousands of rules once more per poll.
-  std::vector<std::pair<TableId, State>> wanted;
+  // Every table's wanted state is taken under one lock: a consistent
+  // snapshot, shared with the stored rules rather than copied from them.
+  std::vector<std::pair<TableId, StatePtr>> wanted;
   {
     std::lock_guard lock(m_mutex);
-    const bool withCompiled = m_enforce && !unenforcing && m_compiled;
     for (auto family : Families()) {
-      const CompiledRules* compiled = nullptr;
-      if (withCompiled) compiled = family == IPAddressFamily::IPv4 ? &m_compiled->ipv4 : &m_compiled->ipv6;
       for (const auto& table : ChainLayout::Tables()) {
-        wanted.emplace_back(TableId{family, table}, ChainLayout::WantedState(family, table, compiled, m_dynamicRules));
+        wanted.emplace_back(TableId{family, table}, WantedState(family, table));
       }
     }
   }
@@ -327,7 +359,7 @@ result_t FirewallService::SyncFirewallState(bool unenforcing) {
   result_t firstFailure = oro::errOk;
   for (const auto& [tableId, next] : wanted) {
     const auto& [family, table] = tableId;
-    State& previous = m_previousState[tableId];
+    StatePtr& previous = m_previousState[tableId];
     const result_t r = SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken);
     if (ORO_FAILED(r)) {
       QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken)",
@@ -342,8 +374,8 @@ result_t FirewallService::SyncFirewallState(bool unenforcing) {
   return firstFailure;
 }
 
-result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const std::string& table, State& previous,
-                                            const State& next, std::ostringstream& extra,
+result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const std::string& table,
+                                            StatePtr& previous, const StatePtr& next, std::ostringstream& extra,
                                             std::ostringstream& missing, bool& isIntegrityBroken) {
   const std::string prefix = "SyncFirewallTable [" + TableLabel(family, table) + "] ";
   m_tracer.Write(Detail, prefix, "Start processing table");
@@ -351,7 +383,7 @@ result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const 
   // A table the module neither holds nor wants rules in is not listed: it
   // costs nothing, and listing may create it. Only the filter table is
   // looked at once in any case, to clean up after a module that died.
-  if (IsEmpty(previous) && IsEmpty(next) && (listedOnce || table != kFilterTable)) {
+  if (IsEmpty(previous.get()) && IsEmpty(next.get()) && (listedOnce || table != kFilterTable)) {
     m_tracer.Write(Detail, prefix, "Ignore ", table);
     return oro::errOk;
   }
@@ -367,22 +399,22 @@ result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const 
   if (ORO_FAILED(r)) return r;
   listedOnce = true;
 
-  const TableSyncResult sync = TableReconciler(m_tracer, prefix).Reconcile(previous, current, next);
+  const State& installed = StateOrEmpty(previous);
+  const TableSyncResult sync = TableReconciler(m_tracer, prefix).Reconcile(installed, current, *next);
   AppendEntries(extra, family, table, sync.extra);
   AppendEntries(missing, family, table, sync.missing);
   isIntegrityBroken = isIntegrityBroken || !sync.extra.empty() || !sync.missing.empty();
 
   if (m_tracer.Enabled(Detail)) {
-    ChangeList composed = sync.changes;
     std::string composedText;
-    for (const auto& change : composed) composedText += ChangeLine(change) + "\n";
-    m_tracer.Write(Detail, prefix, "Dump intermediate state:", "\nenforcement:", IsEmpty(next) ? "off" : "on",
-                   "\nprevious:\n", DumpState(previous), "\ncurrent:\n", DumpState(current), "\nnext:\n",
-                   DumpState(next), "\ncomposed:\n", composedText);
+    for (const auto& change : sync.changes) composedText += ChangeLine(change) + "\n";
+    m_tracer.Write(Detail, prefix, "Dump intermediate state:", "\nenforcement:", IsEmpty(next.get()) ? "off" : "on",
+                   "\nprevious:\n", DumpState(installed), "\ncurrent:\n", DumpState(current), "\nnext:\n",
+                   DumpState(*next), "\ncomposed:\n", composedText);
   }
   if (sync.changes.empty()) {
     m_tracer.Write(Detail, prefix, "Firewall update not needed");
-    AdoptWanted(previous, next);
+    previous = next;
     return oro::errOk;
   }
   auto change = TryGetInterface<IFirewallStateChange>(m_locator, r);
@@ -396,7 +428,7 @@ result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const 
                           "Cannot change firewall state");
     return r;
   }
-  AdoptWanted(previous, next);
+  previous = next;
   return oro::errOk;
 }
 

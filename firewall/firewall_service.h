@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <sstream>
@@ -50,6 +51,10 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
 
  private:
   using TableId = std::pair<types::IPAddressFamily::Type, std::string>;
+  // States are shared rather than copied: the wanted state of a table is
+  // built once per change of what the module wants, and once installed it
+  // is also the previous state of the next poll.
+  using StatePtr = std::shared_ptr<const State>;
   struct Compiled {
     CompiledRules ipv4;
     CompiledRules ipv6;
@@ -60,9 +65,11 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   oro::result_t DoRemoveRules(const RuleDescriptions& rules);
   oro::result_t DoSetEnforce(bool doEnforce);
 
+  // `unenforcing` only shows in the trace: what is wanted follows the
+  // enforcement switch itself.
   oro::result_t SyncFirewallState(bool unenforcing = false);
-  oro::result_t SyncFirewallTable(types::IPAddressFamily::Type family, const std::string& table, State& previous,
-                                  const State& next, std::ostringstream& extra, std::ostringstream& missing,
+  oro::result_t SyncFirewallTable(types::IPAddressFamily::Type family, const std::string& table, StatePtr& previous,
+                                  const StatePtr& next, std::ostringstream& extra, std::ostringstream& missing,
                                   bool& isIntegrityBroken);
   oro::result_t PublishIntegrityBrokenEvent(const std::string& extra, const std::string& missing);
   oro::result_t UpdatePolling();
@@ -71,6 +78,8 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   bool PollingNeeded();
   std::vector<types::IPAddressFamily::Type> Families() const;  // with m_syncMutex held
   bool SkipShuttingDown(const char* function);
+  StatePtr WantedState(types::IPAddressFamily::Type family, const std::string& table);  // with m_mutex held
+  void ForgetWantedStates();                                                          // with m_mutex held
 
   oro::IServiceLocator* m_locator;
   tracing::Tracer m_tracer;
@@ -88,11 +97,13 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   std::optional<settings::FirewallSettings> m_packetRules;
   std::optional<Compiled> m_compiled;
   std::vector<TaggedRule> m_dynamicRules;
+  // Built from the three above on first use; forgotten whenever one changes.
+  std::map<TableId, StatePtr> m_wantedStates;
 
   // Serialises synchronisations (a poll and a change never run at once)
   // and guards what they keep between runs.
   std::mutex m_syncMutex;
-  std::map<TableId, State> m_previousState;
+  std::map<TableId, StatePtr> m_previousState;  // null: nothing installed
   std::map<TableId, bool> m_listedOnce;
 };
 
