@@ -75,6 +75,28 @@ std::vector<std::string> KeysOf(const RuleRefs& rules) {
   return keys;
 }
 
+// A rule's match tokens as its key sees them, sorted.
+std::vector<std::string_view> SortedMatch(const Rule& rule) {
+  std::vector<std::string_view> tokens;
+  tokens.reserve(rule.match.size());
+  for (const auto& token : rule.match) tokens.push_back(Unquoted(token));
+  std::sort(tokens.begin(), tokens.end());
+  return tokens;
+}
+
+// Whether `rule` has the same key as the rule that `sortedMatch` and
+// `target` were taken from. Rules that differ are mostly told apart by
+// their first tokens, without building keys.
+bool SameKeyAs(const Rule& rule, const Rule& other, const std::vector<std::string_view>& sortedMatch) {
+  if (rule.isGoto != other.isGoto || rule.target != other.target || rule.match.size() != sortedMatch.size()) {
+    return false;
+  }
+  for (const auto& token : rule.match) {
+    if (!std::binary_search(sortedMatch.begin(), sortedMatch.end(), Unquoted(token))) return false;
+  }
+  return RuleKey(rule) == RuleKey(other);
+}
+
 std::unordered_set<std::string_view> KeySet(const std::vector<std::string>& keys) {
   std::unordered_set<std::string_view> set;
   set.reserve(keys.size());
@@ -211,22 +233,13 @@ class ChainComposer {
 
   // Turns an owned chain's current rules into the wanted ones, keeping in
   // place what already stands in order and inserting the rest at its
-  // position. With no current rules nothing is compared, and `wantedKeys`
-  // may be left empty.
-  void ComposeOwned(const std::string& chain, const RuleRefs& current, const std::vector<std::string>& currentKeys,
-                    const std::vector<Rule>& wanted, const std::vector<std::string>& wantedKeys) {
-    std::vector<bool> keep = RulesToKeep(currentKeys, wantedKeys);
-    auto left = LeftAfterDeletes(currentKeys, keep);
-    if (!IsSubsequence(left, wantedKeys)) {
-      // Equal rules in an unlucky order: deleting by rule text would keep
-      // the wrong ones. Rebuild the chain instead.
-      keep.assign(current.size(), false);
-      left.clear();
-    }
-    for (std::size_t i = 0; i < current.size(); ++i) {
-      if (!keep[i]) m_deletes.push_back(RuleChange(ChangeKind::DeleteRule, chain, *current[i]));
-    }
-    InsertMissing(chain, left, wanted, wantedKeys);
+  // position. Rules that stand as wanted at the head and the tail of the
+  // chain are left out of the comparison, so that a change in a long chain
+  // costs what the change touches, not what the chain holds.
+  void ComposeOwned(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted) {
+    const std::size_t head = CommonHead(current, wanted);
+    const std::size_t tail = CommonTail(current, wanted, head);
+    if (!ComposeBetween(chain, current, wanted, head, tail, false)) ComposeBetween(chain, current, wanted, 0, 0, true);
   }
 
   // Built-in chains: only the module's jumps are compared; a missing jump
@@ -268,8 +281,70 @@ class ChainComposer {
     return p == part.size();
   }
 
-  void InsertMissing(const std::string& chain, const std::vector<std::string_view>& left,
-                     const std::vector<Rule>& wanted, const std::vector<std::string>& wantedKeys) {
+  static std::size_t CommonHead(const RuleRefs& current, const std::vector<Rule>& wanted) {
+    std::size_t head = 0;
+    while (head < current.size() && head < wanted.size() && SameRule(*current[head], wanted[head])) ++head;
+    return head;
+  }
+
+  static std::size_t CommonTail(const RuleRefs& current, const std::vector<Rule>& wanted, std::size_t head) {
+    std::size_t tail = 0;
+    while (tail < current.size() - head && tail < wanted.size() - head &&
+           SameRule(*current[current.size() - 1 - tail], wanted[wanted.size() - 1 - tail])) {
+      ++tail;
+    }
+    return tail;
+  }
+
+  // Composes the rules between the first `head` and the last `tail` ones,
+  // which stay. False, with nothing composed, when that cannot be done by
+  // rule text: "-D chain rule" deletes the first equal rule, which must not
+  // be one of the head's. With `rebuild`, such a case deletes and re-adds
+  // the whole part instead.
+  bool ComposeBetween(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted,
+                      std::size_t head, std::size_t tail, bool rebuild) {
+    const RuleRefs middle(current.begin() + static_cast<std::ptrdiff_t>(head),
+                          current.end() - static_cast<std::ptrdiff_t>(tail));
+    RuleRefs wantedMiddle;
+    for (std::size_t w = head; w < wanted.size() - tail; ++w) wantedMiddle.push_back(&wanted[w]);
+    const auto currentKeys = KeysOf(middle);
+    // Against nothing there is nothing to compare (a first install).
+    const auto wantedKeys = middle.empty() ? std::vector<std::string>() : KeysOf(wantedMiddle);
+    std::vector<bool> keep = RulesToKeep(currentKeys, wantedKeys);
+    auto left = LeftAfterDeletes(currentKeys, keep);
+    if (!IsSubsequence(left, wantedKeys) || DeletesReachHead(current, head, middle, keep)) {
+      if (!rebuild) return false;
+      // Equal rules in an unlucky order: deleting by rule text would keep
+      // the wrong ones. Rebuild the chain instead.
+      keep.assign(middle.size(), false);
+      left.clear();
+    }
+    for (std::size_t i = 0; i < middle.size(); ++i) {
+      if (!keep[i]) m_deletes.push_back(RuleChange(ChangeKind::DeleteRule, chain, *middle[i]));
+    }
+    InsertMissing(chain, left, wantedMiddle, wantedKeys, head, tail);
+    return true;
+  }
+
+  // Whether a rule to be deleted from the middle equals one of the `head`
+  // rules before it, which the delete would take instead.
+  static bool DeletesReachHead(const RuleRefs& current, std::size_t head, const RuleRefs& middle,
+                               const std::vector<bool>& keep) {
+    if (head == 0) return false;
+    for (std::size_t i = 0; i < middle.size(); ++i) {
+      if (keep[i]) continue;
+      const auto sortedMatch = SortedMatch(*middle[i]);
+      for (std::size_t h = 0; h < head; ++h) {
+        if (SameKeyAs(*current[h], *middle[i], sortedMatch)) return true;
+      }
+    }
+    return false;
+  }
+
+  // Inserts the wanted rules of the middle that are not kept. The `head`
+  // rules before them stay, as do the `tail` rules after them.
+  void InsertMissing(const std::string& chain, const std::vector<std::string_view>& left, const RuleRefs& wanted,
+                     const std::vector<std::string>& wantedKeys, std::size_t head, std::size_t tail) {
     std::size_t next = 0;        // next kept rule
     std::size_t length = left.size();
     for (std::size_t w = 0; w < wanted.size(); ++w) {
@@ -277,9 +352,11 @@ class ChainComposer {
         ++next;
         continue;
       }
-      // Rules before w already stand as wanted, so w goes to position w+1.
-      const bool atEnd = w == length;
-      m_adds.push_back(RuleChange(ChangeKind::AddRule, chain, wanted[w], atEnd ? -1 : static_cast<std::int32_t>(w + 1)));
+      // Rules before w already stand as wanted, so w goes to position
+      // head+w+1; only with nothing after it may it be appended.
+      const bool atEnd = tail == 0 && w == length;
+      const auto position = static_cast<std::int32_t>(head + w + 1);
+      m_adds.push_back(RuleChange(ChangeKind::AddRule, chain, *wanted[w], atEnd ? -1 : position));
       ++length;
     }
   }
@@ -348,15 +425,13 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
     const auto previousRules = WithoutPolicy(previousChains.RulesOf(chain.name));
     // While the kernel holds, token for token, what the module installed
     // last time (the usual case when the wanted rules change), nothing can
-    // be missing or extra; and against an empty chain the composition
-    // compares nothing. Keys are made only where they are compared.
+    // be missing or extra, and no keys are needed to tell.
     const bool untouched = SameRules(previousRules, currentRules);
-    const bool compared = !untouched || !currentRules.empty();
-    const auto currentKeys = KeysOf(currentRules);
-    const auto nextKeys = compared ? KeysOf(RefsOf(chain.ruleList)) : std::vector<std::string>();
 
     std::vector<Rule> missing, extra;
     if (!untouched) {
+      const auto currentKeys = KeysOf(currentRules);
+      const auto nextKeys = KeysOf(RefsOf(chain.ruleList));
       const auto previousKeys = KeysOf(previousRules);
       const auto currentSet = KeySet(currentKeys), nextSet = KeySet(nextKeys);
       for (std::size_t i = 0; i < previousRules.size(); ++i) {
@@ -386,7 +461,7 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
 
     createIfAbsent(chain.name);
     if (owned) {
-      composer.ComposeOwned(chain.name, currentRules, currentKeys, chain.ruleList, nextKeys);
+      composer.ComposeOwned(chain.name, currentRules, chain.ruleList);
     } else {
       composer.ComposeShared(chain.name, currentRules, chain.ruleList);
     }

@@ -86,6 +86,15 @@ TEST_F(TableReconcilerTest, EqualRulesInAnUnluckyOrderStillEndInTheWantedOrder) 
   Sync(Wanted({x, y}));
   EXPECT_EQ(Texts("vorn_input"), (Lines{"-p tcp -j ACCEPT", "-p udp -j ACCEPT"}));
   EXPECT_TRUE(Sync(Wanted({x, y})).empty());
+  // The rule to go equals one at the head, which stands as wanted: a delete
+  // by rule text would take that one instead.
+  const Rule z = R("-p icmp", "ACCEPT"), q = R("-p \"tcp\"", "ACCEPT");
+  Sync(Wanted({x, y, x, z}));
+  Sync(Wanted({x, y, z}));
+  EXPECT_EQ(Texts("vorn_input"), (Lines{"-p tcp -j ACCEPT", "-p udp -j ACCEPT", "-p icmp -j ACCEPT"}));
+  Sync(Wanted({x, y, q, z}));
+  Sync(Wanted({x, y, z}));
+  EXPECT_EQ(Texts("vorn_input"), (Lines{"-p tcp -j ACCEPT", "-p udp -j ACCEPT", "-p icmp -j ACCEPT"}));
 }
 
 TEST_F(TableReconcilerTest, ForeignChangesAreReportedAndRepairedOnlyInOwnedChains) {
