@@ -77,8 +77,11 @@ auto ParseField(const RuleFields& rule, const char* field, const std::string& va
 // accept rule or an empty log prefix.
 template <class Enum>
 void CheckEnumValue(const RuleFields& rule, const char* field, Enum value) {
-  ParseField(rule, field, std::to_string(static_cast<std::uint32_t>(value)),
-             [value](const std::string&) { return settings::EnumToString(value); });
+  try {
+    settings::EnumToString(value);
+  } catch (const std::exception& e) {
+    throw RuleCompileError(rule.index, rule.name, field, std::to_string(static_cast<std::uint32_t>(value)), e.what());
+  }
 }
 
 // NFLOG groups are 16-bit: a logging rule too far down the list has none.
@@ -253,7 +256,10 @@ std::string MatchText(const RuleFields& rule, const MatchParts& parts, Side side
   const bool incoming = side == Side::Incoming;
   const auto& source = incoming ? parts.remote : parts.local;
   const auto& destination = incoming ? parts.local : parts.remote;
+  // Enough for nearly every rule, so that the text grows only once.
+  constexpr std::size_t kUsualLength = 128;
   std::string text;
+  text.reserve(kUsualLength);
   AppendNetwork(text, " -s ", source);
   AppendNetwork(text, " -d ", destination);
   text += ProtocolFragment(rule.protocol);

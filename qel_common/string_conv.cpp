@@ -1,5 +1,6 @@
 #include "qel_common/string_conv.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace qel::tools {
@@ -63,6 +64,10 @@ char32_t DecodeUtf8(std::string_view text, std::size_t& i) {
 }  // namespace
 
 std::string ToUtf8(std::u16string_view text) {
+  // Settings are nearly all ASCII, which converts unit for unit.
+  if (std::all_of(text.begin(), text.end(), [](char16_t c) { return c < 0x80; })) {
+    return std::string(text.begin(), text.end());
+  }
   std::string out;
   out.reserve(text.size());
   for (std::size_t i = 0; i < text.size(); ++i) {
