@@ -120,11 +120,16 @@ bool FirewallService::SkipShuttingDown(const char* function) {
 // Large rule sets take milliseconds per family, so the two families are
 // compiled side by side; for small ones a thread would cost more than it
 // saves. An IPv4 error is the one reported when both fail, as when compiled
-// one after the other.
-FirewallService::Compiled FirewallService::Compile(const FirewallSettings& rules) const {
+// one after the other. Packet rules that did not change since `earlier`
+// take over their rules from there.
+FirewallService::Compiled FirewallService::Compile(const FirewallSettings& rules, const SettingsPtr& earlierRules,
+                                                   const CompiledPtr& earlierCompiled) const {
   constexpr std::size_t kRulesWorthAThread = 512;
   const auto compile = [&](IPAddressFamily::Type family) {
-    return CompileRules(rules, family, m_suitableConntrack, m_tracer);
+    if (!earlierRules || !earlierCompiled) return CompileRules(rules, family, m_suitableConntrack, m_tracer);
+    const bool ipv4 = family == IPAddressFamily::IPv4;
+    const EarlierCompilation earlier{*earlierRules, ipv4 ? earlierCompiled->ipv4 : earlierCompiled->ipv6};
+    return CompileRules(rules, family, m_suitableConntrack, m_tracer, &earlier);
   };
   std::future<CompiledRules> ipv6;
   if (rules.packetRules.size() >= kRulesWorthAThread) {
@@ -149,19 +154,25 @@ result_t FirewallService::SetPacketRules(const FirewallSettings& rules) noexcept
 // Settings that do not compile, or that the kernel refuses, leave the
 // rules in force and the stored settings as they were.
 result_t FirewallService::DoSetPacketRules(const FirewallSettings& rules) {
-  Compiled compiled;
+  SettingsPtr oldRules;
+  CompiledPtr oldCompiled;
+  {
+    std::lock_guard lock(m_mutex);
+    oldRules = m_packetRules;
+    oldCompiled = m_compiled;
+  }
+  CompiledPtr compiled;
   try {
-    compiled = Compile(rules);
+    compiled = std::make_shared<const Compiled>(Compile(rules, oldRules, oldCompiled));
   } catch (const RuleCompileError& e) {
     m_tracer.Write(Error, "SetPacketRules", ": ", "Cannot compile packet rules: ", e.what());
     return e.Code();
   }
-  std::optional<FirewallSettings> oldRules;
-  std::optional<Compiled> oldCompiled;
+  auto newRules = std::make_shared<const FirewallSettings>(rules);
   bool enforcing;
   {
     std::lock_guard lock(m_mutex);
-    oldRules = std::exchange(m_packetRules, rules);
+    oldRules = std::exchange(m_packetRules, std::move(newRules));
     oldCompiled = std::exchange(m_compiled, std::move(compiled));
     enforcing = m_enforce;
     ForgetWantedStates();

@@ -59,6 +59,9 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
     CompiledRules ipv4;
     CompiledRules ipv6;
   };
+  // Kept whole until replaced: the next compilation takes over from them.
+  using SettingsPtr = std::shared_ptr<const settings::FirewallSettings>;
+  using CompiledPtr = std::shared_ptr<const Compiled>;
 
   oro::result_t DoSetPacketRules(const settings::FirewallSettings& rules);
   oro::result_t DoAddRules(const RuleDescriptions& rules, const std::string& tag);
@@ -74,7 +77,8 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   oro::result_t PublishIntegrityBrokenEvent(const std::string& extra, const std::string& missing);
   oro::result_t UpdatePolling();
 
-  Compiled Compile(const settings::FirewallSettings& rules) const;
+  Compiled Compile(const settings::FirewallSettings& rules, const SettingsPtr& earlierRules,
+                   const CompiledPtr& earlierCompiled) const;
   bool PollingNeeded();
   std::vector<types::IPAddressFamily::Type> Families() const;  // with m_syncMutex held
   bool SkipShuttingDown(const char* function);
@@ -94,8 +98,8 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   std::mutex m_mutex;  // guards the fields below
   bool m_enforce = false;
   bool m_polling = false;
-  std::optional<settings::FirewallSettings> m_packetRules;
-  std::optional<Compiled> m_compiled;
+  SettingsPtr m_packetRules;
+  CompiledPtr m_compiled;
   std::vector<TaggedRule> m_dynamicRules;
   // Built from the three above on first use; forgotten whenever one changes.
   std::map<TableId, StatePtr> m_wantedStates;

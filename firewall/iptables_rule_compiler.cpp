@@ -288,9 +288,23 @@ Tokens Concat(Tokens first, const Tokens& second) {
   return first;
 }
 
-bool IsCatchAll(const RuleFields& rule) {
-  return rule.protocol == PacketRuleProtocol::Any && rule.remotePorts == kAny && rule.localPorts == kAny &&
-         rule.icmpType == kAny && rule.icmpCode == kAny && rule.remoteAddress == kAny && rule.localAddress == kAny;
+bool IsCatchAll(const PacketRule& rule) {
+  constexpr std::u16string_view kAnyField = u"Any";
+  return rule.protocol == PacketRuleProtocol::Any && rule.remotePorts == kAnyField &&
+         rule.localPorts == kAnyField && rule.icmpType == kAnyField && rule.icmpCode == kAnyField &&
+         rule.remoteAddress == kAnyField && rule.localAddress == kAnyField;
+}
+
+bool SameZones(const FirewallSettings& a, const FirewallSettings& b) {
+  return a.networkZonesTrusted == b.networkZonesTrusted && a.networkZonesLocal == b.networkZonesLocal &&
+         a.networkZonesPublic == b.networkZonesPublic;
+}
+
+void CopyRange(const std::vector<Rule>& from, const std::vector<std::size_t>& starts, std::size_t index,
+               std::vector<Rule>& to) {
+  const auto first = from.begin() + static_cast<std::ptrdiff_t>(starts[index]);
+  const auto last = from.begin() + static_cast<std::ptrdiff_t>(starts[index + 1]);
+  to.insert(to.end(), first, last);
 }
 
 const std::vector<oro::string16_t>* ZoneList(const FirewallSettings& settings, const std::string& name) {
@@ -312,8 +326,9 @@ struct Coverage {
 class FamilyCompiler {
  public:
   FamilyCompiler(const FirewallSettings& settings, types::IPAddressFamily::Type family, bool suitableConntrack,
-                 const tracing::Tracer& tracer)
+                 const tracing::Tracer& tracer, const EarlierCompilation* earlier)
       : m_settings(settings),
+        m_earlier(earlier && SameZones(settings, earlier->settings) ? earlier : nullptr),
         m_version(family == types::IPAddressFamily::IPv6 ? IpVersion::V6 : IpVersion::V4),
         // An unreliable direction test in the kernel sees every connection
         // from the other end, so the words trade places.
@@ -324,16 +339,35 @@ class FamilyCompiler {
   CompiledRules Compile() {
     m_rules.incoming.push_back(Item({"-i", "lo"}, {"ACCEPT"}));
     m_rules.outgoing.push_back(Item({"-o", "lo"}, {"ACCEPT"}));
-    for (std::size_t index = 0; index < m_settings.packetRules.size(); ++index) {
-      const RuleFields rule = ReadRule(index, m_settings.packetRules[index]);
-      CompilePacketRule(rule);
-      if (IsCatchAll(rule)) MarkCovered(rule.direction);
+    const auto& packetRules = m_settings.packetRules;
+    m_rules.incomingStarts.reserve(packetRules.size() + 1);
+    m_rules.outgoingStarts.reserve(packetRules.size() + 1);
+    for (std::size_t index = 0; index < packetRules.size(); ++index) {
+      m_rules.incomingStarts.push_back(m_rules.incoming.size());
+      m_rules.outgoingStarts.push_back(m_rules.outgoing.size());
+      if (CompiledEarlier(index)) {
+        CopyRange(m_earlier->rules.incoming, m_earlier->rules.incomingStarts, index, m_rules.incoming);
+        CopyRange(m_earlier->rules.outgoing, m_earlier->rules.outgoingStarts, index, m_rules.outgoing);
+      } else {
+        CompilePacketRule(ReadRule(index, packetRules[index]));
+      }
+      if (IsCatchAll(packetRules[index])) MarkCovered(packetRules[index].direction);
     }
+    m_rules.incomingStarts.push_back(m_rules.incoming.size());
+    m_rules.outgoingStarts.push_back(m_rules.outgoing.size());
     AppendDefaults();
     return std::move(m_rules);
   }
 
  private:
+  bool CompiledEarlier(std::size_t index) const {
+    if (!m_earlier) return false;
+    const auto& earlier = m_earlier->rules;
+    return index < m_earlier->settings.packetRules.size() && index + 1 < earlier.incomingStarts.size() &&
+           index + 1 < earlier.outgoingStarts.size() &&
+           m_earlier->settings.packetRules[index] == m_settings.packetRules[index];
+  }
+
   void CompilePacketRule(const RuleFields& rule) {
     const std::vector<std::string> locals = SplitAddressList(rule.localAddress);
     const auto* zone = ZoneList(m_settings, rule.remoteAddress);
@@ -493,6 +527,7 @@ class FamilyCompiler {
   }
 
   const FirewallSettings& m_settings;
+  const EarlierCompilation* const m_earlier;  // none when it cannot be taken over from
   const IpVersion m_version;
   const char* const m_forward;
   const char* const m_backward;
@@ -528,8 +563,8 @@ Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold) {
 }
 
 CompiledRules CompileRules(const settings::FirewallSettings& settings, types::IPAddressFamily::Type family,
-                           bool suitableConntrack, const tracing::Tracer& tracer) {
-  return FamilyCompiler(settings, family, suitableConntrack, tracer).Compile();
+                           bool suitableConntrack, const tracing::Tracer& tracer, const EarlierCompilation* earlier) {
+  return FamilyCompiler(settings, family, suitableConntrack, tracer, earlier).Compile();
 }
 
 }  // namespace qel::firewall

@@ -16,6 +16,18 @@ namespace qel::firewall {
 struct CompiledRules {
   std::vector<Rule> incoming;
   std::vector<Rule> outgoing;
+  // Where the rules of each packet rule begin in the two lists, and one
+  // more entry where the last one's end: what a later compilation needs to
+  // take over the rules of a packet rule that did not change.
+  std::vector<std::size_t> incomingStarts;
+  std::vector<std::size_t> outgoingStarts;
+};
+
+// An earlier compilation for the same family and the same conntrack
+// support, and the settings it was made from.
+struct EarlierCompilation {
+  const settings::FirewallSettings& settings;
+  const CompiledRules& rules;
 };
 
 // A packet rule (or a zone list) that cannot be compiled. what() reads e.g.
@@ -50,7 +62,12 @@ Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold = 0)
 // support for revision 3 of the conntrack match (see ProbeConntrackRevision);
 // without it the conntrack direction words are swapped. Throws
 // RuleCompileError for an address, port or ICMP field that does not parse.
+//
+// With `earlier`, a packet rule equal to the one at the same position there
+// (so with the same item number and log group) takes over its rules instead
+// of being compiled again, as long as the zone lists are unchanged.
 CompiledRules CompileRules(const settings::FirewallSettings& settings, types::IPAddressFamily::Type family,
-                           bool suitableConntrack, const tracing::Tracer& tracer = {});
+                           bool suitableConntrack, const tracing::Tracer& tracer = {},
+                           const EarlierCompilation* earlier = nullptr);
 
 }  // namespace qel::firewall

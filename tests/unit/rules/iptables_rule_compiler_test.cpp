@@ -233,6 +233,42 @@ TEST(IptablesRuleCompilerTest, ZonesExpandOverTheirAddressesOfTheFamily) {
   EXPECT_STREQ(error->what(), "networkZonesLocal '10.0.0.0/40': invalid mask in network address");
 }
 
+// Each step compiles taking over from the step before, and must give what
+// compiling the same settings afresh gives: a rule changed, a rule inserted
+// (every later item number moves), a zone changed under a rule naming it,
+// a catch-all rule removed, logging switched on.
+TEST(IptablesRuleCompilerTest, TakingOverUnchangedRulesGivesWhatCompilingAfreshGives) {
+  std::vector<FirewallSettings> steps;
+  auto settings = With({SshRule(), PacketIn(u"Trusted"), PacketIn(u"Any", u"10.9.0.1"), PacketIn(u"Any")});
+  settings.networkZonesTrusted = {u"10.0.0.0/8", u"fe80::/10"};
+  steps.push_back(settings);
+  settings.packetRules[2].localAddress = u"10.9.0.2";
+  steps.push_back(settings);
+  settings.packetRules.insert(settings.packetRules.begin() + 1, PacketIn(u"fe80::1"));
+  steps.push_back(settings);
+  settings.networkZonesTrusted.push_back(u"192.168.0.0/16");
+  steps.push_back(settings);
+  settings.packetRules.pop_back();
+  steps.push_back(settings);
+  settings.packetRules[0].doLogAttempts = false;
+  settings.packetRules[2].doLogAttempts = true;
+  steps.push_back(settings);
+
+  for (const auto family : {kV4, kV6}) {
+    CompiledRules earlier = CompileRules(steps[0], family, true);
+    for (std::size_t step = 1; step < steps.size(); ++step) {
+      const EarlierCompilation from{steps[step - 1], earlier};
+      CompiledRules taken = CompileRules(steps[step], family, true, {}, &from);
+      const CompiledRules fresh = CompileRules(steps[step], family, true);
+      EXPECT_EQ(Select(taken.incoming, kAll), Select(fresh.incoming, kAll)) << "step " << step << " family " << family;
+      EXPECT_EQ(Select(taken.outgoing, kAll), Select(fresh.outgoing, kAll)) << "step " << step << " family " << family;
+      EXPECT_EQ(taken.incomingStarts, fresh.incomingStarts);
+      EXPECT_EQ(taken.outgoingStarts, fresh.outgoingStarts);
+      earlier = std::move(taken);
+    }
+  }
+}
+
 TEST(IptablesRuleCompilerTest, RuleItemsWidenBeyondFourDigits) {
   std::vector<PacketRule> rules(10001, {.direction = PacketRuleDirection::IncomingPacket,
                                         .protocol = PacketRuleProtocol::TCP, .doLogAttempts = true});
