@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -152,7 +153,13 @@ TEST(SecureSpawnTest, LargeInputAndOutputDoNotDeadlockNorLeaveSigpipe) {
   SpawnContext cat = Context({"cat"}), ignoring = Context({"true"});
   cat.input.emplace(8 << 20, '\0');
   for (std::size_t i = 0; i < cat.input->size(); ++i) (*cat.input)[i] = static_cast<char>('a' + i % 23);
+  // The observer sees the output grow, piece by piece, to all of it.
+  std::vector<std::size_t> seen;
+  cat.outputObserver = [&seen](const std::string& output) { seen.push_back(output.size()); };
   EXPECT_TRUE(Outcome(cat) == *cat.input);
+  EXPECT_GT(seen.size(), 1u);
+  EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()) && std::adjacent_find(seen.begin(), seen.end()) == seen.end());
+  EXPECT_EQ(seen.empty() ? 0 : seen.back(), cat.input->size());
   // Input that the child does not read.
   ignoring.input = std::string(1 << 20, 'x');
   EXPECT_EQ(Outcome(ignoring), "");
