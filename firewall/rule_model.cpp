@@ -49,37 +49,56 @@ std::string RuleText(const Rule& rule) {
 namespace {
 
 // " <match> -j <target>": the part of an add or delete line after the chain.
-std::string RulePart(const Change& change) {
-  std::string part;
-  if (!change.match.empty()) part += " " + change.match;
-  if (!change.target.empty()) part += (change.isGoto ? " -g " : " -j ") + change.target;
-  return part;
+void AppendRulePart(std::string& line, const Change& change) {
+  if (!change.match.empty()) line.append(" ").append(change.match);
+  if (!change.target.empty()) line.append(change.isGoto ? " -g " : " -j ").append(change.target);
+}
+
+// Appends rather than returns: a first install writes tens of thousands of
+// lines into one script.
+void AppendChangeLine(std::string& line, const Change& change) {
+  switch (change.kind) {
+    case ChangeKind::SetPolicy:
+      line.append("-P ").append(change.chain).append(" ").append(change.target);
+      return;
+    case ChangeKind::AddRule:
+      if (change.position == -1) {
+        line.append("-A ").append(change.chain);
+      } else {
+        line.append("-I ").append(change.chain).append(" ").append(std::to_string(change.position));
+      }
+      AppendRulePart(line, change);
+      return;
+    case ChangeKind::CreateChain:
+      line.append(":").append(change.chain).append(" - [0:0]");
+      return;
+    case ChangeKind::DeleteRule:
+      line.append("-D ").append(change.chain);
+      AppendRulePart(line, change);
+      return;
+    case ChangeKind::FlushChain:
+      line.append("-F ").append(change.chain);
+      return;
+    case ChangeKind::DeleteChain:
+      line.append("-X ").append(change.chain);
+      return;
+  }
 }
 
 }  // namespace
 
 std::string ChangeLine(const Change& change) {
-  switch (change.kind) {
-    case ChangeKind::SetPolicy:
-      return "-P " + change.chain + " " + change.target;
-    case ChangeKind::AddRule:
-      if (change.position == -1) return "-A " + change.chain + RulePart(change);
-      return "-I " + change.chain + " " + std::to_string(change.position) + RulePart(change);
-    case ChangeKind::CreateChain:
-      return ":" + change.chain + " - [0:0]";
-    case ChangeKind::DeleteRule:
-      return "-D " + change.chain + RulePart(change);
-    case ChangeKind::FlushChain:
-      return "-F " + change.chain;
-    case ChangeKind::DeleteChain:
-      return "-X " + change.chain;
-  }
-  return "";
+  std::string line;
+  AppendChangeLine(line, change);
+  return line;
 }
 
 std::string RestoreScript(const std::string& table, const ChangeList& changes) {
   std::string script = "*" + table + "\n";
-  for (const auto& change : changes) script += ChangeLine(change) + "\n";
+  for (const auto& change : changes) {
+    AppendChangeLine(script, change);
+    script += '\n';
+  }
   script += "COMMIT\n";
   return script;
 }
