@@ -354,6 +354,7 @@ FirewallService::StatePtr FirewallService::WantedState(IPAddressFamily::Type fam
 result_t FirewallService::SyncFirewallState(bool unenforcing) {
   m_tracer.Write(Detail, "SyncFirewallState", "() ", "unenforcing=", unenforcing ? "true" : "false");
   std::lock_guard syncLock(m_syncMutex);
+  PendingListings listings = ListAhead();
   // Every table's wanted state is taken under one lock: a consistent
   // snapshot, shared with the stored rules rather than copied from them.
   std::vector<std::pair<TableId, StatePtr>> wanted;
@@ -371,7 +372,9 @@ result_t FirewallService::SyncFirewallState(bool unenforcing) {
   for (const auto& [tableId, next] : wanted) {
     const auto& [family, table] = tableId;
     StatePtr& previous = m_previousState[tableId];
-    const result_t r = SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken);
+    const auto pending = listings.find(tableId);
+    const result_t r = SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken,
+                                         pending == listings.end() ? nullptr : &pending->second);
     if (ORO_FAILED(r)) {
       QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken)",
                             r, "Cannot sync firewall table");
@@ -385,30 +388,77 @@ result_t FirewallService::SyncFirewallState(bool unenforcing) {
   return firstFailure;
 }
 
+// A table the module neither holds nor wants rules in is not listed: it
+// costs nothing, and listing may create it. Only the filter table is looked
+// at once in any case, to clean up after a module that died.
+bool FirewallService::NeedsListing(const TableId& table, const StatePtr& previous, const StatePtr& next) {
+  return !IsEmpty(previous.get()) || !IsEmpty(next.get()) || (!m_listedOnce[table] && table.second == kFilterTable);
+}
+
+// A listing is mostly the tool starting and the kernel copying its table
+// out, time in which the module can reconcile the table before. So while
+// the first table that will surely be listed is listed in turn, the others
+// (those that hold the module's rules) are listed at once, side by side, each on a thread of its own. The first
+// stays on the calling thread: its parse is the largest, and the memory of
+// a parse on another thread lingers in that thread's heap. A table that
+// turns out to need a listing after all is listed when its turn comes.
+// Tools that cannot wait for the lock the legacy ones take would fail side
+// by side, so they always run in turn, as they do when no thread can be had.
+FirewallService::PendingListings FirewallService::ListAhead() {
+  PendingListings listings;
+  if (!m_infoProvider->SupportsWaitOption()) return listings;
+  result_t r;
+  auto query = TryGetInterface<IFirewallStateQuery>(m_locator, r);
+  if (!query) return listings;  // reported by the table's own synchronisation
+  bool first = true;
+  for (auto family : Families()) {
+    for (const auto& table : ChainLayout::Tables()) {
+      const TableId tableId{family, table};
+      // Sure without knowing what is wanted: whatever that is, the table is
+      // listed.
+      if (!NeedsListing(tableId, m_previousState[tableId], nullptr)) continue;
+      if (std::exchange(first, false)) continue;
+      try {
+        listings.emplace(tableId, std::async(std::launch::async, [query, tableId] {
+                           Listing listing;
+                           listing.result = query->GetState(tableId.first, tableId.second, listing.state);
+                           return listing;
+                         }));
+      } catch (const std::system_error&) {
+        return listings;
+      }
+    }
+  }
+  return listings;
+}
+
 result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const std::string& table,
                                             StatePtr& previous, const StatePtr& next, std::ostringstream& extra,
-                                            std::ostringstream& missing, bool& isIntegrityBroken) {
+                                            std::ostringstream& missing, bool& isIntegrityBroken,
+                                            std::future<Listing>* listing) {
   const std::string prefix = "SyncFirewallTable [" + TableLabel(family, table) + "] ";
   m_tracer.Write(Detail, prefix, "Start processing table");
-  bool& listedOnce = m_listedOnce[{family, table}];
-  // A table the module neither holds nor wants rules in is not listed: it
-  // costs nothing, and listing may create it. Only the filter table is
-  // looked at once in any case, to clean up after a module that died.
-  if (IsEmpty(previous.get()) && IsEmpty(next.get()) && (listedOnce || table != kFilterTable)) {
+  if (!NeedsListing({family, table}, previous, next)) {
     m_tracer.Write(Detail, prefix, "Ignore ", table);
     return oro::errOk;
   }
 
   result_t r;
-  auto query = TryGetInterface<IFirewallStateQuery>(m_locator, r);
-  if (!query) {
-    m_tracer.Write(Error, prefix, "Cannot get IFirewallStateQuery interface");
-    return r;
-  }
   State current;
-  r = query->GetState(family, table, current);
+  if (listing) {
+    Listing listed = listing->get();
+    r = listed.result;
+    current = std::move(listed.state);
+  } else {
+    auto query = TryGetInterface<IFirewallStateQuery>(m_locator, r);
+    if (!query) {
+      m_tracer.Write(Error, prefix, "Cannot get IFirewallStateQuery interface");
+      return r;
+    }
+    r = query->GetState(family, table, current);
+  }
   if (ORO_FAILED(r)) return r;
-  listedOnce = true;
+  m_listedOnce[{family, table}] = true;
 
   const State& installed = StateOrEmpty(previous);
   const TableSyncResult sync = TableReconciler(m_tracer, prefix).Reconcile(installed, current, *next);

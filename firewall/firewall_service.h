@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -62,6 +63,13 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   // Kept whole until replaced: the next compilation takes over from them.
   using SettingsPtr = std::shared_ptr<const settings::FirewallSettings>;
   using CompiledPtr = std::shared_ptr<const Compiled>;
+  // A table's current state, read on a thread of its own while earlier
+  // tables are being synchronised.
+  struct Listing {
+    oro::result_t result = oro::errOk;
+    State state;
+  };
+  using PendingListings = std::map<TableId, std::future<Listing>>;
 
   oro::result_t DoSetPacketRules(const settings::FirewallSettings& rules);
   oro::result_t DoAddRules(const RuleDescriptions& rules, const std::string& tag);
@@ -71,9 +79,12 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   // `unenforcing` only shows in the trace: what is wanted follows the
   // enforcement switch itself.
   oro::result_t SyncFirewallState(bool unenforcing = false);
+  // `listing`: the table's state read ahead, or null to read it here.
   oro::result_t SyncFirewallTable(types::IPAddressFamily::Type family, const std::string& table, StatePtr& previous,
                                   const StatePtr& next, std::ostringstream& extra, std::ostringstream& missing,
-                                  bool& isIntegrityBroken);
+                                  bool& isIntegrityBroken, std::future<Listing>* listing = nullptr);
+  bool NeedsListing(const TableId& table, const StatePtr& previous, const StatePtr& next);  // with m_syncMutex held
+  PendingListings ListAhead();                                                              // with m_syncMutex held
   oro::result_t PublishIntegrityBrokenEvent(const std::string& extra, const std::string& missing);
   oro::result_t UpdatePolling();
 

@@ -2,6 +2,7 @@
 // shared journal so that tests can check the order across collaborators.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -70,8 +71,9 @@ class FakeInfoProvider final : public ObjectImpl<FakeInfoProvider, firewall::IIp
   const char* GetIptablesRestore() const noexcept override { return "iptables-restore"; }
   const char* GetIp6tablesRestore() const noexcept override { return "ip6tables-restore"; }
   bool IsVersionAtLeast_1_4_8() const noexcept override { return true; }
-  bool SupportsWaitOption() const noexcept override { return true; }
+  bool SupportsWaitOption() const noexcept override { return waits; }
   bool IsIpv6Supported() const noexcept override { return true; }
+  std::atomic<bool> waits = true;  // the tools wait for the lock instead of failing
 };
 
 // A dynamic rule as the agent's ports give them: incoming TCP to one port.

@@ -1,11 +1,16 @@
 // An in-memory packet filter that applies change lists the way the restore
 // tool does: all of a script or nothing, "-D" removing the first equal
 // rule, "-I n" counting from 1, and no chain deleted while it is referenced
-// or not empty.
+// or not empty. Tables may be listed and changed from several threads at
+// once, as the service reads later tables ahead.
 #pragma once
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,6 +30,8 @@ class FakeKernel final
                          firewall::State& out) const noexcept override {
     ++queries;
     if (failQuery) return oro::errUnexpected;
+    AwaitOtherListings();
+    std::lock_guard lock(m_mutex);
     out = TableOf({family, table});
     return oro::errOk;
   }
@@ -32,6 +39,7 @@ class FakeKernel final
   oro::result_t ChangeState(types::IPAddressFamily::Type family, const std::string& table,
                             const firewall::ChangeList& changes) noexcept override {
     ++changeCalls;
+    std::lock_guard lock(m_mutex);
     firewall::State state = TableOf({family, table});
     for (const auto& change : changes) {
       if (!Apply(state, change)) return oro::errUnexpected;  // nothing is committed
@@ -68,11 +76,26 @@ class FakeKernel final
     return texts;
   }
 
-  mutable int queries = 0;
-  int changeCalls = 0;
-  bool failQuery = false;
+  // Each listing waits up to this long for a second one to run beside it,
+  // so that a test sees how many listings the service runs at once.
+  std::chrono::milliseconds listingsMeetWithin{0};
+  mutable int mostListingsAtOnce = 0;  // guarded by m_meetingMutex
+
+  mutable std::atomic<int> queries = 0;
+  std::atomic<int> changeCalls = 0;
+  std::atomic<bool> failQuery = false;
 
  private:
+  void AwaitOtherListings() const {
+    if (listingsMeetWithin.count() <= 0) return;
+    std::unique_lock lock(m_meetingMutex);
+    const int meetingsBefore = m_meetings;
+    if (++m_listingsRunning > 1) ++m_meetings;
+    mostListingsAtOnce = std::max(mostListingsAtOnce, m_listingsRunning);
+    m_meeting.notify_all();
+    m_meeting.wait_for(lock, listingsMeetWithin, [&] { return m_meetings != meetingsBefore; });
+    --m_listingsRunning;
+  }
   static bool OneOf(const std::string& word, std::initializer_list<const char*> words) {
     return std::find(words.begin(), words.end(), word) != words.end();
   }
@@ -142,6 +165,11 @@ class FakeKernel final
     return false;
   }
 
+  mutable std::mutex m_meetingMutex;
+  mutable std::condition_variable m_meeting;
+  mutable int m_listingsRunning = 0;
+  mutable int m_meetings = 0;
+  mutable std::mutex m_mutex;  // guards m_tables while the service runs
   std::map<Table, firewall::State> m_tables;
 };
 

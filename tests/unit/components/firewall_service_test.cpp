@@ -31,7 +31,7 @@ class FirewallServiceTest : public ::testing::Test {
     locator->Register(tracer);
     locator->Register(timer);
     locator->Register(publisher);
-    locator->Register(Make<FakeInfoProvider>());
+    locator->Register(tools);
     locator->Register(static_cast<firewall::IFirewallStateQuery*>(kernel.Get()));
     ASSERT_EQ(CreateInstance(service, locator.Get(), true), oro::errOk);
   }
@@ -51,6 +51,7 @@ class FirewallServiceTest : public ::testing::Test {
   oro::RefPtr<FakeTimer> timer = Make<FakeTimer>();
   oro::RefPtr<FakePublisher> publisher = Make<FakePublisher>();
   oro::RefPtr<FakeKernel> kernel = Make<FakeKernel>();
+  oro::RefPtr<FakeInfoProvider> tools = Make<FakeInfoProvider>();
   oro::RefPtr<FakeLocator> locator = Make<FakeLocator>();
   oro::RefPtr<firewall::FirewallService> service;
 };
@@ -71,6 +72,30 @@ TEST_F(FirewallServiceTest, EnforcingInstallsBothFamiliesPollsAndConverges) {
   EXPECT_EQ(timer->Fire(), oro::errOk);
   EXPECT_EQ(kernel->changeCalls, changes);
   EXPECT_EQ(kernel->queries - queries, 2);  // only the filter table of each family
+  EXPECT_TRUE(publisher->events.empty());
+}
+
+// Tools that fail instead of waiting for the lock that the legacy ones take
+// must never run side by side.
+TEST_F(FirewallServiceTest, TablesAreListedSideBySideOnlyWhereTheToolsWaitForTheirLock) {
+  Enforce(SshSettings());
+  const auto inForce = kernel->TableOf(kFilter4);
+  kernel->listingsMeetWithin = std::chrono::milliseconds(2000);
+  timer->Fire();
+  EXPECT_EQ(kernel->mostListingsAtOnce, 2);
+  // A settings change lists while it compiles; the listings are those of the
+  // table it then changes.
+  ASSERT_EQ(service->SetPacketRules(SshSettings(u"2222")), oro::errOk);
+  EXPECT_EQ(kernel->Texts(kFilter4, "vorn_input")[1],
+            "-p tcp -m tcp --dport 2222 -m conntrack --ctstate ESTABLISHED --ctdir ORIGINAL -j ACCEPT");
+
+  tools->waits = false;
+  kernel->mostListingsAtOnce = 0;
+  kernel->listingsMeetWithin = std::chrono::milliseconds(100);
+  ASSERT_EQ(service->SetPacketRules(SshSettings()), oro::errOk);
+  timer->Fire();
+  EXPECT_EQ(kernel->mostListingsAtOnce, 1);
+  EXPECT_EQ(kernel->TableOf(kFilter4), inForce);
   EXPECT_TRUE(publisher->events.empty());
 }
 
