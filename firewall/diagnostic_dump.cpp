@@ -9,8 +9,8 @@ namespace {
 
 using tools::ToUtf8;
 
-template <class Item, class Render>
-std::string JoinWithCommas(const std::vector<Item>& items, Render render) {
+template <class Items, class Render>
+std::string JoinWithCommas(const Items& items, Render render) {
   std::string text;
   for (const auto& item : items) {
     if (!text.empty()) text += ',';

@@ -139,9 +139,22 @@ Tokens MatchTokens(std::string_view match) {
   return SplitTokens(SeparateGluedReply(match));
 }
 
+// Whether `text` is `tokens` joined with single blanks.
+bool Spells(const Tokens& tokens, std::string_view text) {
+  for (std::size_t i = 0; i < tokens.size(); ++i) {
+    if (i > 0 && !text.starts_with(' ')) return false;
+    if (i > 0) text.remove_prefix(1);
+    if (!text.starts_with(tokens[i])) return false;
+    text.remove_prefix(tokens[i].size());
+  }
+  return text.empty() && !tokens.empty();
+}
+
 // `options` is everything after the chain name: the match, then "-j " or
 // "-g " and the target. A "-j " anywhere wins over an earlier "-g ".
-Rule MakeRule(std::string_view options) {
+// Neighbouring rules mostly jump to the same target, which they then share:
+// `lastTarget` is the one before.
+Rule MakeRule(std::string_view options, Tokens& lastTarget) {
   Rule rule;
   std::size_t jump = options.find(kJumpWord);
   if (jump == std::string_view::npos) {
@@ -149,13 +162,16 @@ Rule MakeRule(std::string_view options) {
     rule.isGoto = jump != std::string_view::npos;
   }
   rule.match = MatchTokens(options.substr(0, jump));
-  if (jump != std::string_view::npos) rule.target = SplitTokens(options.substr(jump + kJumpWord.size()));
+  if (jump == std::string_view::npos) return rule;
+  const std::string_view target = options.substr(jump + kJumpWord.size());
+  if (!Spells(lastTarget, target)) lastTarget = SplitTokens(target);
+  rule.target = lastTarget;
   return rule;
 }
 
 Rule MakePolicyRule(std::string_view policy) {
   Rule rule;
-  rule.target.emplace_back(policy);
+  rule.target = Tokens{policy};
   rule.isPolicy = true;
   return rule;
 }
@@ -176,20 +192,22 @@ oro::result_t ParsePolicyLine(oro::ITracer* tracer, std::string_view line, State
   return oro::errOk;
 }
 
-oro::result_t ParseAppendLine(oro::ITracer* tracer, std::string_view line, State& state, const ChainIndex& chains) {
+oro::result_t ParseAppendLine(oro::ITracer* tracer, std::string_view line, State& state, const ChainIndex& chains,
+                              Tokens& lastTarget) {
   ChainLine parts;
   if (!SplitChainLine(line, parts)) return Malformed(tracer, line);
   // The listing declares every chain before its rules; a rule of an unknown
   // chain cannot be placed and is dropped.
-  if (Chain* chain = chains.Find(state, parts.chain)) AddRule(*chain, MakeRule(parts.rest));
+  if (Chain* chain = chains.Find(state, parts.chain)) AddRule(*chain, MakeRule(parts.rest, lastTarget));
   return oro::errOk;
 }
 
 // `chains` indexes `state`; every chain is added through it.
-oro::result_t ParseLine(oro::ITracer* tracer, const std::string_view& line, State& state, ChainIndex& chains) {
+oro::result_t ParseLine(oro::ITracer* tracer, const std::string_view& line, State& state, ChainIndex& chains,
+                        Tokens& lastTarget) {
   const std::string_view kind = line.substr(0, kKindLength);
   if (kind == kPolicyKind) return ParsePolicyLine(tracer, line, state, chains);
-  if (kind == kAppendKind) return ParseAppendLine(tracer, line, state, chains);
+  if (kind == kAppendKind) return ParseAppendLine(tracer, line, state, chains, lastTarget);
   if (kind == kNewChainKind) AppendChain(state, chains, line.substr(kKindLength), {});
   return oro::errOk;
 }
@@ -209,7 +227,7 @@ class IptablesListingParser::Impl {
       while (!lines.empty()) {
         const std::string_view line = Trim(TakeLine(lines));
         if (line.empty()) continue;
-        m_result = ParseLine(m_tracer, line, m_state, m_chains);
+        m_result = ParseLine(m_tracer, line, m_state, m_chains, m_lastTarget);
         if (ORO_FAILED(m_result)) return;
       }
     } catch (const std::bad_alloc&) {
@@ -224,6 +242,7 @@ class IptablesListingParser::Impl {
   oro::ITracer* m_tracer;
   State& m_state;
   ChainIndex m_chains;
+  Tokens m_lastTarget;
   std::size_t m_parsed = 0;
   oro::result_t m_result = oro::errOk;
 };

@@ -271,21 +271,27 @@ std::string MatchText(const RuleFields& rule, const MatchParts& parts, Side side
   return text;
 }
 
-Tokens ActionTarget(PacketRuleAction action) { return {action == PacketRuleAction::Block ? "DROP" : "ACCEPT"}; }
+// The fixed words are built once and shared by every rule that uses them.
+const Tokens& ActionTarget(PacketRuleAction action) {
+  static const Tokens drop{"DROP"}, accept{"ACCEPT"};
+  return action == PacketRuleAction::Block ? drop : accept;
+}
 
-Tokens NewConnection() { return {"-m", "conntrack", "--ctstate", "NEW"}; }
-
-Tokens EstablishedConnection() { return {"-m", "conntrack", "--ctstate", "ESTABLISHED"}; }
-
-Tokens EstablishedConnection(const char* direction) {
-  Tokens tokens = EstablishedConnection();
-  tokens.insert(tokens.end(), {"--ctdir", direction});
+const Tokens& NewConnection() {
+  static const Tokens tokens{"-m", "conntrack", "--ctstate", "NEW"};
   return tokens;
 }
 
-Tokens Concat(Tokens first, const Tokens& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
+const Tokens& EstablishedConnection() {
+  static const Tokens tokens{"-m", "conntrack", "--ctstate", "ESTABLISHED"};
+  return tokens;
+}
+
+// `direction`: "ORIGINAL" or "REPLY".
+const Tokens& EstablishedConnection(std::string_view direction) {
+  static const Tokens original{"-m", "conntrack", "--ctstate", "ESTABLISHED", "--ctdir", "ORIGINAL"};
+  static const Tokens reply{"-m", "conntrack", "--ctstate", "ESTABLISHED", "--ctdir", "REPLY"};
+  return direction == "ORIGINAL" ? original : reply;
 }
 
 bool IsCatchAll(const PacketRule& rule) {
@@ -555,7 +561,7 @@ RuleCompileError::RuleCompileError(std::size_t ruleIndex, std::string ruleName, 
       m_reason(std::move(reason)) {}
 
 Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold) {
-  Tokens target{"NFLOG"};
+  std::vector<std::string> target{"NFLOG"};
   if (!prefix.empty()) target.insert(target.end(), {"--nflog-prefix", prefix});
   if (group != 0) target.insert(target.end(), {"--nflog-group", std::to_string(group)});
   if (threshold != 0) target.insert(target.end(), {"--nflog-threshold", std::to_string(threshold)});

@@ -308,11 +308,7 @@ struct ActionTarget {
   IPAddressFamily::Type family;
 
   // -j <target> <arguments>
-  Tokens operator()(const RawAction& a) const {
-    Tokens tokens = SplitTokens(a.target);
-    tokens.insert(tokens.end(), a.arguments.begin(), a.arguments.end());
-    return tokens;
-  }
+  Tokens operator()(const RawAction& a) const { return Concat(SplitTokens(a.target), a.arguments); }
   Tokens operator()(const AccessAction& a) const { return VerdictTarget(a.action); }
   // -j NFQUEUE --queue-num 5
   Tokens operator()(const QueueAction& a) const { return {"NFQUEUE", "--queue-num", Decimal(a.queue)}; }
@@ -446,8 +442,7 @@ std::optional<Rule> TranslateEstablished(const RuleDescription& description, IPA
                                          Side side, std::optional<ConnDirection> direction) {
   auto rule = TranslateDescription(description, family, side);
   if (rule) {
-    const Tokens established = SplitTokens(ConntrackFragment(ConnState::Established, direction));
-    rule->match.insert(rule->match.end(), established.begin(), established.end());
+    rule->match = Concat(rule->match, SplitTokens(ConntrackFragment(ConnState::Established, direction)));
   }
   return rule;
 }

@@ -3,6 +3,35 @@
 
 namespace qel::firewall {
 
+// One allocation holds the count, the reference and the strings.
+Tokens::Tokens(std::size_t size)
+    : m_items(size == 0 ? nullptr : std::make_shared<std::string[]>(size)), m_size(size) {}
+
+Tokens::Tokens(std::initializer_list<std::string_view> tokens) : Tokens(tokens.size()) {
+  std::string* slot = Slots();
+  for (const auto token : tokens) (slot++)->assign(token);
+}
+
+Tokens::Tokens(const std::vector<std::string>& tokens) : Tokens(tokens.size()) {
+  std::copy(tokens.begin(), tokens.end(), Slots());
+}
+
+Tokens::Tokens(std::vector<std::string>&& tokens) : Tokens(tokens.size()) {
+  std::move(tokens.begin(), tokens.end(), Slots());
+}
+
+bool operator==(const Tokens& a, const Tokens& b) noexcept {
+  return a.m_items == b.m_items ? a.m_size == b.m_size : std::equal(a.begin(), a.end(), b.begin(), b.end());
+}
+
+Tokens Concat(const Tokens& first, const Tokens& second) {
+  if (second.empty()) return first;
+  if (first.empty()) return second;
+  Tokens both(first.size() + second.size());
+  std::copy(second.begin(), second.end(), std::copy(first.begin(), first.end(), both.Slots()));
+  return both;
+}
+
 std::string JoinTokens(const Tokens& tokens) {
   std::string text;
   for (const auto& token : tokens) {
@@ -18,14 +47,14 @@ Tokens SplitTokens(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] != ' ' && (i == 0 || text[i - 1] == ' ')) ++count;
   }
-  Tokens tokens;
-  tokens.reserve(count);
+  Tokens tokens(count);
+  std::string* slot = tokens.Slots();
   std::size_t pos = 0;
   while (pos < text.size()) {
     const std::size_t start = text.find_first_not_of(' ', pos);
     if (start == std::string_view::npos) break;
     const std::size_t end = std::min(text.find(' ', start), text.size());
-    tokens.emplace_back(text.substr(start, end - start));
+    (slot++)->assign(text.substr(start, end - start));
     pos = end;
   }
   return tokens;

@@ -4,13 +4,49 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace qel::firewall {
 
-using Tokens = std::vector<std::string>;
+// The words of a rule, e.g. "-p" "tcp" "--dport" "22". Fixed once built and
+// shared by every copy: a change to tens of thousands of rules copies each
+// of them into the next compilation and into the wanted state, and such a
+// copy is then one reference more rather than a list of strings. Build
+// longer lists as a std::vector and hand it over whole.
+class Tokens {
+ public:
+  Tokens() noexcept = default;
+  Tokens(std::initializer_list<std::string_view> tokens);
+  Tokens(const std::vector<std::string>& tokens);  // NOLINT: a list of words is a Tokens
+  Tokens(std::vector<std::string>&& tokens);       // NOLINT
+
+  std::size_t size() const noexcept { return m_size; }
+  bool empty() const noexcept { return m_size == 0; }
+  const std::string* begin() const noexcept { return m_items.get(); }
+  const std::string* end() const noexcept { return m_items.get() + m_size; }
+  const std::string& operator[](std::size_t index) const noexcept { return m_items[index]; }
+  const std::string& front() const noexcept { return m_items[0]; }
+  const std::string& back() const noexcept { return m_items[m_size - 1]; }
+
+  friend bool operator==(const Tokens& a, const Tokens& b) noexcept;
+
+ private:
+  friend Tokens SplitTokens(std::string_view text);
+  friend Tokens Concat(const Tokens& first, const Tokens& second);
+  // `size` empty strings, to be filled before the list is handed out.
+  explicit Tokens(std::size_t size);
+  std::string* Slots() noexcept { return const_cast<std::string*>(m_items.get()); }
+
+  std::shared_ptr<const std::string[]> m_items;
+  std::size_t m_size = 0;
+};
+
+// `first` followed by `second`.
+Tokens Concat(const Tokens& first, const Tokens& second);
 
 struct Rule {
   Tokens match;   // e.g. "-m" "conntrack" "--ctstate" "NEW"; empty matches everything

@@ -44,6 +44,25 @@ TEST(RuleModel, ChangesBecomeTheLinesOfOneRestoreScript) {
   EXPECT_EQ(ChangeLine(changes[2]), "-I vorn_input 3 -p tcp -j ACCEPT");
 }
 
+// Copies share their words; what compares is the words, however they came
+// to be.
+TEST(RuleModel, TokensCompareByTheirWordsAndSplitAtRunsOfBlanks) {
+  const Tokens split = SplitTokens("  -p tcp   --dport 22 ");
+  const Tokens listed{"-p", "tcp", "--dport", "22"};
+  EXPECT_EQ(split, listed);
+  EXPECT_EQ(Tokens(std::vector<std::string>{"-p", "tcp", "--dport", "22"}), split);
+  EXPECT_NE(split, (Tokens{"-p", "tcp", "--dport"}));
+  EXPECT_NE(split, (Tokens{"-p", "udp", "--dport", "22"}));
+  EXPECT_EQ(SplitTokens("   "), Tokens{});
+
+  const Tokens copy = split;
+  EXPECT_EQ(copy.begin(), split.begin());
+  const Tokens both = Concat(split, Tokens{"-j", "ACCEPT"});
+  EXPECT_EQ(JoinTokens(both), "-p tcp --dport 22 -j ACCEPT");
+  EXPECT_EQ(JoinTokens(split), "-p tcp --dport 22");
+  EXPECT_EQ(Concat(Tokens{}, split), split);
+}
+
 TEST(DiagnosticDump, SettingsCharacterForCharacter) {
   using namespace settings;
   const PacketRule ssh{.name = u"ssh \u00e9", .action = PacketRuleAction::Block,

@@ -17,7 +17,7 @@ namespace {
 // model's tokenizer.
 Tokens Words(const std::string& text) {
   std::istringstream in(text);
-  return Tokens(std::istream_iterator<std::string>(in), {});
+  return std::vector<std::string>(std::istream_iterator<std::string>(in), {});
 }
 
 Rule J(const std::string& match, const std::string& target, bool isGoto = false) {
