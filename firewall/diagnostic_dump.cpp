@@ -29,7 +29,7 @@ std::string DumpPacketRuleList(const std::vector<settings::PacketRule>& rules) {
 
 std::string DumpTokens(const Tokens& tokens) {
   return boost::str(boost::format(R"({"tokens":[%1%]})") %
-                    JoinWithCommas(tokens, [](const std::string& token) { return token; }));
+                    JoinWithCommas(tokens, [](std::string_view token) { return token; }));
 }
 
 std::string DumpRule(const Rule& rule) {

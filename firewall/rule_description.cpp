@@ -145,7 +145,7 @@ std::string ConditionsText(const RuleDescription& d) {
 struct ActionFieldsText {
   std::string operator()(const RawAction& a) const {
     std::string text = " target " + a.target + " --";
-    for (const auto& argument : a.arguments) text += " " + argument;
+    for (const auto argument : a.arguments) text.append(" ").append(argument);
     return text;
   }
   std::string operator()(const AccessAction& a) const { return " action " + Decimal(a.action); }

@@ -1,34 +1,74 @@
 #include "firewall/rule_model.h"
+
 #include <algorithm>
+#include <cstring>
+#include <stdexcept>
 
 namespace qel::firewall {
 
-// One allocation holds the count, the reference and the strings.
-Tokens::Tokens(std::size_t size)
-    : m_items(size == 0 ? nullptr : std::make_shared<std::string[]>(size)), m_size(size) {}
+// Fills a block word by word, in order.
+class Tokens::Writer {
+ public:
+  explicit Writer(Tokens& tokens)
+      : m_ends(const_cast<std::uint32_t*>(tokens.m_block.get())),
+        m_letters(const_cast<char*>(tokens.Letters())) {}
+  void Add(std::string_view word) noexcept {
+    std::copy(word.begin(), word.end(), m_letters + m_at);
+    m_at += static_cast<std::uint32_t>(word.size());
+    *m_ends++ = m_at;
+  }
 
-Tokens::Tokens(std::initializer_list<std::string_view> tokens) : Tokens(tokens.size()) {
-  std::string* slot = Slots();
-  for (const auto token : tokens) (slot++)->assign(token);
+ private:
+  std::uint32_t* m_ends;
+  char* m_letters;
+  std::uint32_t m_at = 0;
+};
+
+namespace {
+
+std::uint32_t Count(std::size_t n) {
+  if (n > UINT32_MAX) throw std::length_error("too many words in a rule");
+  return static_cast<std::uint32_t>(n);
 }
 
-Tokens::Tokens(const std::vector<std::string>& tokens) : Tokens(tokens.size()) {
-  std::copy(tokens.begin(), tokens.end(), Slots());
+template <class Words>
+std::size_t LettersOf(const Words& words) {
+  std::size_t letters = 0;
+  for (const auto& word : words) letters += std::string_view(word).size();
+  return letters;
 }
 
-Tokens::Tokens(std::vector<std::string>&& tokens) : Tokens(tokens.size()) {
-  std::move(tokens.begin(), tokens.end(), Slots());
+}  // namespace
+
+// The block is zeroed, so that equal lists have equal blocks to the byte.
+Tokens::Tokens(std::size_t size, std::size_t letters)
+    : m_block(size == 0 ? nullptr : std::make_shared<std::uint32_t[]>(size + (letters + 3) / 4)),
+      m_size(Count(size)),
+      m_letters(Count(letters)) {}
+
+Tokens::Tokens(std::initializer_list<std::string_view> tokens) : Tokens(tokens.size(), LettersOf(tokens)) {
+  Writer writer(*this);
+  for (const auto token : tokens) writer.Add(token);
+}
+
+Tokens::Tokens(const std::vector<std::string>& tokens) : Tokens(tokens.size(), LettersOf(tokens)) {
+  Writer writer(*this);
+  for (const auto& token : tokens) writer.Add(token);
 }
 
 bool operator==(const Tokens& a, const Tokens& b) noexcept {
-  return a.m_items == b.m_items ? a.m_size == b.m_size : std::equal(a.begin(), a.end(), b.begin(), b.end());
+  if (a.m_size != b.m_size || a.m_letters != b.m_letters) return false;
+  if (a.m_block == b.m_block) return true;
+  return std::memcmp(a.m_block.get(), b.m_block.get(), a.m_size * sizeof(std::uint32_t) + a.m_letters) == 0;
 }
 
 Tokens Concat(const Tokens& first, const Tokens& second) {
   if (second.empty()) return first;
   if (first.empty()) return second;
-  Tokens both(first.size() + second.size());
-  std::copy(second.begin(), second.end(), std::copy(first.begin(), first.end(), both.Slots()));
+  Tokens both(first.size() + second.size(), std::size_t{first.m_letters} + second.m_letters);
+  Tokens::Writer writer(both);
+  for (const auto token : first) writer.Add(token);
+  for (const auto token : second) writer.Add(token);
   return both;
 }
 
@@ -47,14 +87,15 @@ Tokens SplitTokens(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     if (text[i] != ' ' && (i == 0 || text[i - 1] == ' ')) ++count;
   }
-  Tokens tokens(count);
-  std::string* slot = tokens.Slots();
+  const std::size_t letters = text.size() - static_cast<std::size_t>(std::count(text.begin(), text.end(), ' '));
+  Tokens tokens(count, letters);
+  Tokens::Writer writer(tokens);
   std::size_t pos = 0;
   while (pos < text.size()) {
     const std::size_t start = text.find_first_not_of(' ', pos);
     if (start == std::string_view::npos) break;
     const std::size_t end = std::min(text.find(' ', start), text.size());
-    (slot++)->assign(text.substr(start, end - start));
+    writer.Add(text.substr(start, end - start));
     pos = end;
   }
   return tokens;

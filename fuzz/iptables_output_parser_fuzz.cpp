@@ -52,8 +52,9 @@ bool IsBuiltInChain(std::string_view name) {
 }
 
 bool AreCleanTokens(const Tokens& tokens) {
-  return std::none_of(tokens.begin(), tokens.end(),
-                      [](const std::string& token) { return token.empty() || token.find(' ') != std::string::npos; });
+  return std::none_of(tokens.begin(), tokens.end(), [](std::string_view token) {
+    return token.empty() || token.find(' ') != std::string_view::npos;
+  });
 }
 
 void CheckChain(const Chain& chain) {

@@ -96,13 +96,13 @@ class FakeKernel final
     m_meeting.wait_for(lock, listingsMeetWithin, [&] { return m_meetings != meetingsBefore; });
     --m_listingsRunning;
   }
-  static bool OneOf(const std::string& word, std::initializer_list<const char*> words) {
+  static bool OneOf(std::string_view word, std::initializer_list<const char*> words) {
     return std::find(words.begin(), words.end(), word) != words.end();
   }
   static bool IsBuiltin(const std::string& name) {
     return OneOf(name, {"INPUT", "FORWARD", "OUTPUT", "PREROUTING", "POSTROUTING"});
   }
-  static firewall::Chain* Find(firewall::State& state, const std::string& name) {
+  static firewall::Chain* Find(firewall::State& state, std::string_view name) {
     for (auto& chain : state.chainList) {
       if (chain.name == name) return &chain;
     }
