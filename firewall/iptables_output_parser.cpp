@@ -111,8 +111,17 @@ bool SplitChainLine(std::string_view line, ChainLine& out) {
   return true;
 }
 
-void AppendChain(State& state, ChainIndex& chains, std::string_view name, std::vector<Rule> rules) {
+std::size_t ExpectedSize(const ChainSizes& expected, std::string_view name) {
+  for (const auto& [chain, size] : expected) {
+    if (chain == name) return size;
+  }
+  return 0;
+}
+
+void AppendChain(State& state, ChainIndex& chains, std::string_view name, std::vector<Rule> rules,
+                 const ChainSizes& expected) {
   chains.Add(name, state.chainList.size());
+  rules.reserve(ExpectedSize(expected, name));
   state.chainList.push_back(Chain{std::string(name), std::move(rules)});
 }
 
@@ -185,10 +194,11 @@ void AddRule(Chain& chain, Rule rule) {
   }
 }
 
-oro::result_t ParsePolicyLine(oro::ITracer* tracer, std::string_view line, State& state, ChainIndex& chains) {
+oro::result_t ParsePolicyLine(oro::ITracer* tracer, std::string_view line, State& state, ChainIndex& chains,
+                              const ChainSizes& expected) {
   ChainLine parts;
   if (!SplitChainLine(line, parts)) return Malformed(tracer, line);
-  AppendChain(state, chains, parts.chain, {MakePolicyRule(parts.rest)});
+  AppendChain(state, chains, parts.chain, {MakePolicyRule(parts.rest)}, expected);
   return oro::errOk;
 }
 
@@ -204,11 +214,11 @@ oro::result_t ParseAppendLine(oro::ITracer* tracer, std::string_view line, State
 
 // `chains` indexes `state`; every chain is added through it.
 oro::result_t ParseLine(oro::ITracer* tracer, const std::string_view& line, State& state, ChainIndex& chains,
-                        Tokens& lastTarget) {
+                        Tokens& lastTarget, const ChainSizes& expected) {
   const std::string_view kind = line.substr(0, kKindLength);
-  if (kind == kPolicyKind) return ParsePolicyLine(tracer, line, state, chains);
+  if (kind == kPolicyKind) return ParsePolicyLine(tracer, line, state, chains, expected);
   if (kind == kAppendKind) return ParseAppendLine(tracer, line, state, chains, lastTarget);
-  if (kind == kNewChainKind) AppendChain(state, chains, line.substr(kKindLength), {});
+  if (kind == kNewChainKind) AppendChain(state, chains, line.substr(kKindLength), {}, expected);
   return oro::errOk;
 }
 
@@ -216,7 +226,8 @@ oro::result_t ParseLine(oro::ITracer* tracer, const std::string_view& line, Stat
 
 class IptablesListingParser::Impl {
  public:
-  Impl(oro::ITracer* tracer, State& out) : m_tracer(tracer), m_state(out), m_chains(out) {}
+  Impl(oro::ITracer* tracer, State& out, ChainSizes expected)
+      : m_tracer(tracer), m_state(out), m_chains(out), m_expected(std::move(expected)) {}
 
   // Parses the lines of output[m_parsed, end); `end` is the end of a line.
   void ParseUpTo(std::string_view output, std::size_t end) noexcept {
@@ -227,7 +238,7 @@ class IptablesListingParser::Impl {
       while (!lines.empty()) {
         const std::string_view line = Trim(TakeLine(lines));
         if (line.empty()) continue;
-        m_result = ParseLine(m_tracer, line, m_state, m_chains, m_lastTarget);
+        m_result = ParseLine(m_tracer, line, m_state, m_chains, m_lastTarget, m_expected);
         if (ORO_FAILED(m_result)) return;
       }
     } catch (const std::bad_alloc&) {
@@ -242,13 +253,21 @@ class IptablesListingParser::Impl {
   oro::ITracer* m_tracer;
   State& m_state;
   ChainIndex m_chains;
+  const ChainSizes m_expected;
   Tokens m_lastTarget;
   std::size_t m_parsed = 0;
   oro::result_t m_result = oro::errOk;
 };
 
-IptablesListingParser::IptablesListingParser(oro::ITracer* tracer, State& out)
-    : m_impl(std::make_unique<Impl>(tracer, out)) {}
+ChainSizes SizesOf(const State& state) {
+  ChainSizes sizes;
+  sizes.reserve(state.chainList.size());
+  for (const auto& chain : state.chainList) sizes.emplace_back(chain.name, chain.ruleList.size());
+  return sizes;
+}
+
+IptablesListingParser::IptablesListingParser(oro::ITracer* tracer, State& out, ChainSizes expected)
+    : m_impl(std::make_unique<Impl>(tracer, out, std::move(expected))) {}
 
 IptablesListingParser::~IptablesListingParser() = default;
 

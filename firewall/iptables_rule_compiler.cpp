@@ -343,6 +343,12 @@ class FamilyCompiler {
         m_tracer(tracer) {}
 
   CompiledRules Compile() {
+    if (m_earlier) {
+      // Mostly the same rules again: room for them, and a little more, at once.
+      const auto roomFor = [](std::size_t n) { return n + n / 16 + 8; };
+      m_rules.incoming.reserve(roomFor(m_earlier->rules.incoming.size()));
+      m_rules.outgoing.reserve(roomFor(m_earlier->rules.outgoing.size()));
+    }
     m_rules.incoming.push_back(Item({"-i", "lo"}, {"ACCEPT"}));
     m_rules.outgoing.push_back(Item({"-o", "lo"}, {"ACCEPT"}));
     const auto& packetRules = m_settings.packetRules;
