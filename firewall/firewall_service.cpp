@@ -398,12 +398,13 @@ bool FirewallService::NeedsListing(const TableId& table, const StatePtr& previou
 // A listing is mostly the tool starting and the kernel copying its table
 // out, time in which the module can reconcile the table before. So while
 // the first table that will surely be listed is listed in turn, the others
-// (those that hold the module's rules) are listed at once, side by side, each on a thread of its own. The first
-// stays on the calling thread: its parse is the largest, and the memory of
-// a parse on another thread lingers in that thread's heap. A table that
-// turns out to need a listing after all is listed when its turn comes.
-// Tools that cannot wait for the lock the legacy ones take would fail side
-// by side, so they always run in turn, as they do when no thread can be had.
+// (those that hold the module's rules) are listed at once, side by side,
+// each on a thread of its own. The first stays on the calling thread: its
+// parse is the largest, and the memory of a parse on another thread lingers
+// in that thread's heap. A table that turns out to need a listing after all
+// is listed when its turn comes. Tools that cannot wait for the lock the
+// legacy ones take would fail side by side, so they always run in turn, as
+// they do when no thread can be had.
 FirewallService::PendingListings FirewallService::ListAhead() {
   PendingListings listings;
   if (!m_infoProvider->SupportsWaitOption()) return listings;
