@@ -40,7 +40,8 @@ std::size_t LettersOf(const Words& words) {
 
 }  // namespace
 
-// The block is zeroed, so that equal lists have equal blocks to the byte.
+// One allocation holds the reference count, where each word ends and the
+// letters, which follow as whole 32-bit units.
 Tokens::Tokens(std::size_t size, std::size_t letters)
     : m_block(size == 0 ? nullptr : std::make_shared<std::uint32_t[]>(size + (letters + 3) / 4)),
       m_size(Count(size)),

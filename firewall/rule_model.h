@@ -66,7 +66,7 @@ class Tokens {
   friend Tokens SplitTokens(std::string_view text);
   friend Tokens Concat(const Tokens& first, const Tokens& second);
   class Writer;
-  Tokens(std::size_t size, std::size_t letters);  // zeroed, for a Writer to fill
+  Tokens(std::size_t size, std::size_t letters);  // for a Writer to fill
   const char* Letters() const noexcept { return reinterpret_cast<const char*>(m_block.get() + m_size); }
 
   std::shared_ptr<const std::uint32_t[]> m_block;  // where each word ends, then the letters
