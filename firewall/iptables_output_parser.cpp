@@ -118,12 +118,6 @@ std::size_t ExpectedSize(const ChainSizes& expected, std::string_view name) {
   return 0;
 }
 
-void AppendChain(State& state, ChainIndex& chains, std::string_view name, std::vector<Rule> rules,
-                 const ChainSizes& expected) {
-  chains.Add(name, state.chainList.size());
-  rules.reserve(ExpectedSize(expected, name));
-  state.chainList.push_back(Chain{std::string(name), std::move(rules)});
-}
 
 std::string SeparateGluedReply(std::string_view match) {
   std::string repaired;
@@ -194,34 +188,6 @@ void AddRule(Chain& chain, Rule rule) {
   }
 }
 
-oro::result_t ParsePolicyLine(oro::ITracer* tracer, std::string_view line, State& state, ChainIndex& chains,
-                              const ChainSizes& expected) {
-  ChainLine parts;
-  if (!SplitChainLine(line, parts)) return Malformed(tracer, line);
-  AppendChain(state, chains, parts.chain, {MakePolicyRule(parts.rest)}, expected);
-  return oro::errOk;
-}
-
-oro::result_t ParseAppendLine(oro::ITracer* tracer, std::string_view line, State& state, const ChainIndex& chains,
-                              Tokens& lastTarget) {
-  ChainLine parts;
-  if (!SplitChainLine(line, parts)) return Malformed(tracer, line);
-  // The listing declares every chain before its rules; a rule of an unknown
-  // chain cannot be placed and is dropped.
-  if (Chain* chain = chains.Find(state, parts.chain)) AddRule(*chain, MakeRule(parts.rest, lastTarget));
-  return oro::errOk;
-}
-
-// `chains` indexes `state`; every chain is added through it.
-oro::result_t ParseLine(oro::ITracer* tracer, const std::string_view& line, State& state, ChainIndex& chains,
-                        Tokens& lastTarget, const ChainSizes& expected) {
-  const std::string_view kind = line.substr(0, kKindLength);
-  if (kind == kPolicyKind) return ParsePolicyLine(tracer, line, state, chains, expected);
-  if (kind == kAppendKind) return ParseAppendLine(tracer, line, state, chains, lastTarget);
-  if (kind == kNewChainKind) AppendChain(state, chains, line.substr(kKindLength), {}, expected);
-  return oro::errOk;
-}
-
 }  // namespace
 
 class IptablesListingParser::Impl {
@@ -238,7 +204,7 @@ class IptablesListingParser::Impl {
       while (!lines.empty()) {
         const std::string_view line = Trim(TakeLine(lines));
         if (line.empty()) continue;
-        m_result = ParseLine(m_tracer, line, m_state, m_chains, m_lastTarget, m_expected);
+        m_result = ParseLine(line);
         if (ORO_FAILED(m_result)) return;
       }
     } catch (const std::bad_alloc&) {
@@ -250,6 +216,37 @@ class IptablesListingParser::Impl {
   std::size_t Parsed() const noexcept { return m_parsed; }
 
  private:
+  oro::result_t ParseLine(std::string_view line) {
+    const std::string_view kind = line.substr(0, kKindLength);
+    if (kind == kPolicyKind) return ParsePolicyLine(line);
+    if (kind == kAppendKind) return ParseAppendLine(line);
+    if (kind == kNewChainKind) AppendChain(line.substr(kKindLength), {});
+    return oro::errOk;
+  }
+
+  oro::result_t ParsePolicyLine(std::string_view line) {
+    ChainLine parts;
+    if (!SplitChainLine(line, parts)) return Malformed(m_tracer, line);
+    AppendChain(parts.chain, {MakePolicyRule(parts.rest)});
+    return oro::errOk;
+  }
+
+  oro::result_t ParseAppendLine(std::string_view line) {
+    ChainLine parts;
+    if (!SplitChainLine(line, parts)) return Malformed(m_tracer, line);
+    // The listing declares every chain before its rules; a rule of an
+    // unknown chain cannot be placed and is dropped.
+    if (Chain* chain = m_chains.Find(m_state, parts.chain)) AddRule(*chain, MakeRule(parts.rest, m_lastTarget));
+    return oro::errOk;
+  }
+
+  // Every chain is added here, so that `m_chains` keeps indexing the state.
+  void AppendChain(std::string_view name, std::vector<Rule> rules) {
+    m_chains.Add(name, m_state.chainList.size());
+    rules.reserve(ExpectedSize(m_expected, name));
+    m_state.chainList.push_back(Chain{std::string(name), std::move(rules)});
+  }
+
   oro::ITracer* m_tracer;
   State& m_state;
   ChainIndex m_chains;
