@@ -22,17 +22,6 @@ namespace {
 
 constexpr const char* kShutdownMessage = " Rules will be cleared on shutdown complete. skip apply changes";
 
-// The timer's handle on the service. The service cancels it and waits for
-// a running poll before it goes, so the raw pointer never dangles.
-class PollHandler final : public ObjectImpl<PollHandler, oro::IRunnable> {
- public:
-  explicit PollHandler(FirewallService* service) : m_service(service) {}
-  result_t Run() noexcept override { return m_service->RunPoll(); }
-
- private:
-  FirewallService* m_service;
-};
-
 std::string TableLabel(IPAddressFamily::Type family, const std::string& table) {
   return std::string(settings::EnumToString(family)) + " " + table;
 }
@@ -46,6 +35,10 @@ void AppendEntries(std::ostringstream& out, IPAddressFamily::Type family, const 
 
 bool IsEmpty(const State* state) { return !state || state->chainList.empty(); }
 
+// The outcome of a change, and the outcome of bringing polling in line
+// with it: the change's failure comes first.
+result_t WithPolling(result_t change, result_t polling) { return ORO_FAILED(change) ? change : polling; }
+
 const State& StateOrEmpty(const std::shared_ptr<const State>& state) {
   static const State empty;
   return state ? *state : empty;
@@ -53,10 +46,36 @@ const State& StateOrEmpty(const std::shared_ptr<const State>& state) {
 
 }  // namespace
 
+// The timer's handle on the service. The timer may keep it after the
+// service is gone (when cancelling failed), so the service detaches it on
+// release; detaching waits for a poll in progress, and a later run finds no
+// service and does nothing.
+class PollHandler final : public ObjectImpl<PollHandler, oro::IRunnable> {
+ public:
+  explicit PollHandler(FirewallService* service) : m_service(service) {}
+
+  result_t Run() noexcept override {
+    std::lock_guard lock(m_mutex);
+    return m_service ? m_service->RunPoll() : oro::errOk;
+  }
+  void Detach() noexcept {
+    std::lock_guard lock(m_mutex);
+    m_service = nullptr;
+  }
+
+ private:
+  std::mutex m_mutex;
+  FirewallService* m_service;  // guarded by m_mutex
+};
+
 FirewallService::FirewallService(oro::IServiceLocator* locator, bool suitableConntrack)
     : m_locator(locator), m_suitableConntrack(suitableConntrack) {
   result_t ignored;
   m_tracer = tracing::Tracer(TryGetInterface<oro::ITracer>(locator, ignored));
+}
+
+FirewallService::~FirewallService() {
+  if (m_pollHandler) m_pollHandler->Detach();
 }
 
 result_t FirewallService::FinalConstruct() {
@@ -76,7 +95,7 @@ result_t FirewallService::FinalConstruct() {
     m_tracer.Write(Error, "Cannot get IIptablesInfoProvider interface");
     return r;
   }
-  m_pollHandler = oro::RefPtr<oro::IRunnable>::Adopt(new PollHandler(this));
+  m_pollHandler = oro::RefPtr<PollHandler>::Adopt(new PollHandler(this));
   m_tracer.Write(Warning, "FirewallService", ": g_isSuitableConntrack = ", m_suitableConntrack ? 1 : 0);
   return oro::errOk;
 }
@@ -84,18 +103,18 @@ result_t FirewallService::FinalConstruct() {
 void FirewallService::FinalRelease() noexcept {
   try {
     m_tracer.Write(Detail, "FinalRelease", "() ");
-    if (m_pollTimer) QEL_CHECKED_CALL(m_tracer, m_pollTimer->CancelAndWait(m_pollHandler.Get()), "");
-    m_tracer.Write(Detail, "FinalRelease", ": ", "Cleaning rules");
-    bool wasEnforcing;
-    {
-      std::lock_guard lock(m_mutex);
-      m_packetRules.reset();
-      m_compiled.reset();
-      m_dynamicRules.clear();
-      wasEnforcing = std::exchange(m_enforce, false);
-      ForgetWantedStates();
-      m_polling = false;
+    if (m_pollTimer) {
+      const result_t r = m_pollTimer->CancelAndWait(m_pollHandler.Get());
+      if (ORO_FAILED(r)) QEL_TRACE_FAILED_CALL(m_tracer, "m_pollTimer->CancelAndWait(m_pollHandler)", r, "");
     }
+    // Whether or not the timer let go of it, the handler must not reach
+    // the service from here on.
+    if (m_pollHandler) m_pollHandler->Detach();
+    m_tracer.Write(Detail, "FinalRelease", ": ", "Cleaning rules");
+    std::lock_guard lock(m_mutex);
+    const bool wasEnforcing = m_requested.enforce;
+    m_requested = Requested{};
+    ForgetWantedStates();
     SyncFirewallState(wasEnforcing);
   } catch (...) {
     // Nothing can be reported from here; the next start of the module
@@ -107,7 +126,9 @@ result_t FirewallService::OnShutdown() noexcept {
   return tracing::Guarded(m_tracer, "OnShutdown", [&] {
     m_tracer.Write(Detail, "OnShutdown", "() ");
     m_shuttingDown = true;
-    return oro::errOk;
+    // The rules stay in force until release; polls would be skipped, so
+    // the timer goes.
+    return UpdatePolling();
   });
 }
 
@@ -120,11 +141,12 @@ bool FirewallService::SkipShuttingDown(const char* function) {
 // Large rule sets take milliseconds per family, so the two families are
 // compiled side by side; for small ones a thread would cost more than it
 // saves. An IPv4 error is the one reported when both fail, as when compiled
-// one after the other. Packet rules that did not change since `earlier`
-// take over their rules from there.
-FirewallService::Compiled FirewallService::Compile(const FirewallSettings& rules, const SettingsPtr& earlierRules,
-                                                   const CompiledPtr& earlierCompiled) const {
+// one after the other. Packet rules that did not change since the last
+// compilation take over their rules from there.
+FirewallService::Compiled FirewallService::Compile(const FirewallSettings& rules) const {
   constexpr std::size_t kRulesWorthAThread = 512;
+  const SettingsPtr& earlierRules = m_requested.packetRules;
+  const CompiledPtr& earlierCompiled = m_requested.compiled;
   const auto compile = [&](IPAddressFamily::Type family) {
     if (!earlierRules || !earlierCompiled) return CompileRules(rules, family, m_suitableConntrack, m_tracer);
     const bool ipv4 = family == IPAddressFamily::IPv4;
@@ -147,37 +169,30 @@ result_t FirewallService::SetPacketRules(const FirewallSettings& rules) noexcept
   return tracing::Guarded(m_tracer, "SetPacketRules", [&] {
     if (m_tracer.Enabled(Detail)) m_tracer.Write(Detail, "SetPacketRules", "() ", DumpSettings(rules));
     if (SkipShuttingDown("SetPacketRules")) return oro::errOk;
-    return DoSetPacketRules(rules);
+    result_t r;
+    {
+      std::lock_guard lock(m_mutex);
+      r = DoSetPacketRules(rules);
+    }
+    return WithPolling(r, UpdatePolling());
   });
 }
 
 // Settings that do not compile, or that the kernel refuses, leave the
 // rules in force and the stored settings as they were.
 result_t FirewallService::DoSetPacketRules(const FirewallSettings& rules) {
-  SettingsPtr oldRules;
-  CompiledPtr oldCompiled;
-  {
-    std::lock_guard lock(m_mutex);
-    oldRules = m_packetRules;
-    oldCompiled = m_compiled;
-  }
   CompiledPtr compiled;
   try {
-    compiled = std::make_shared<const Compiled>(Compile(rules, oldRules, oldCompiled));
+    compiled = std::make_shared<const Compiled>(Compile(rules));
   } catch (const RuleCompileError& e) {
     m_tracer.Write(Error, "SetPacketRules", ": ", "Cannot compile packet rules: ", e.what());
     return e.Code();
   }
-  auto newRules = std::make_shared<const FirewallSettings>(rules);
-  bool enforcing;
-  {
-    std::lock_guard lock(m_mutex);
-    oldRules = std::exchange(m_packetRules, std::move(newRules));
-    oldCompiled = std::exchange(m_compiled, std::move(compiled));
-    enforcing = m_enforce;
-    ForgetWantedStates();
-  }
-  if (!enforcing) {
+  Requested before = m_requested;
+  m_requested.packetRules = std::make_shared<const FirewallSettings>(rules);
+  m_requested.compiled = std::move(compiled);
+  ForgetWantedStates();
+  if (!m_requested.enforce) {
     // Packet rules reach the kernel only while enforcing, so there is
     // nothing to apply. Syncing here would also take down what a module that
     // died left in force, moments before enforcement puts it back.
@@ -187,13 +202,7 @@ result_t FirewallService::DoSetPacketRules(const FirewallSettings& rules) {
   const result_t r = SyncFirewallState();
   if (ORO_FAILED(r)) {
     m_tracer.Write(Error, "SetPacketRules", ": ", "Cannot apply packet rules, the previous rules stay in force");
-    {
-      std::lock_guard lock(m_mutex);
-      m_packetRules = std::move(oldRules);
-      m_compiled = std::move(oldCompiled);
-      ForgetWantedStates();
-    }
-    SyncFirewallState();
+    RollBack(std::move(before));
   }
   return r;
 }
@@ -212,31 +221,24 @@ result_t FirewallService::AddRules(const RuleDescriptions& rules, const std::str
         return oro::errInvalidArgument;
       }
     }
-    return DoAddRules(rules, tag);
+    result_t r;
+    {
+      std::lock_guard lock(m_mutex);
+      r = DoAddRules(rules, tag);
+    }
+    return WithPolling(r, UpdatePolling());
   });
 }
 
+// Rules the kernel refused are not kept: the next poll would only fail on
+// them again.
 result_t FirewallService::DoAddRules(const RuleDescriptions& rules, const std::string& tag) {
-  std::size_t firstAdded;
-  {
-    std::lock_guard lock(m_mutex);
-    firstAdded = m_dynamicRules.size();
-    for (const auto& rule : rules) m_dynamicRules.push_back(TaggedRule{rule, tag});
-    ForgetWantedStates();
-  }
+  Requested before = m_requested;
+  for (const auto& rule : rules) m_requested.dynamicRules.push_back(TaggedRule{rule, tag});
+  ForgetWantedStates();
   const result_t r = SyncFirewallState();
-  if (ORO_FAILED(r)) {
-    // Rules the kernel refused are not kept: the next poll would only fail
-    // on them again.
-    {
-      std::lock_guard lock(m_mutex);
-      m_dynamicRules.erase(m_dynamicRules.begin() + static_cast<std::ptrdiff_t>(firstAdded), m_dynamicRules.end());
-      ForgetWantedStates();
-    }
-    SyncFirewallState();
-    return r;
-  }
-  return UpdatePolling();
+  if (ORO_FAILED(r)) RollBack(std::move(before));
+  return r;
 }
 
 result_t FirewallService::RemoveRules(const RuleDescriptions& rules) noexcept {
@@ -247,72 +249,91 @@ result_t FirewallService::RemoveRules(const RuleDescriptions& rules) noexcept {
       m_tracer.Write(Detail, "RemoveRules", "() ", text.str());
     }
     if (SkipShuttingDown("RemoveRules")) return oro::errOk;
-    return DoRemoveRules(rules);
+    result_t r;
+    {
+      std::lock_guard lock(m_mutex);
+      r = DoRemoveRules(rules);
+    }
+    return WithPolling(r, UpdatePolling());
   });
 }
 
+// Rules the kernel would not let go of stay stored, as they stay in force.
 result_t FirewallService::DoRemoveRules(const RuleDescriptions& rules) {
-  {
-    std::lock_guard lock(m_mutex);
-    std::erase_if(m_dynamicRules, [&](const TaggedRule& stored) {
-      return std::find(rules.begin(), rules.end(), stored.description) != rules.end();
-    });
-    ForgetWantedStates();
-  }
+  Requested before = m_requested;
+  std::erase_if(m_requested.dynamicRules, [&](const TaggedRule& stored) {
+    return std::find(rules.begin(), rules.end(), stored.description) != rules.end();
+  });
+  ForgetWantedStates();
   const result_t r = SyncFirewallState();
-  if (ORO_FAILED(r)) return r;
-  return UpdatePolling();
+  if (ORO_FAILED(r)) RollBack(std::move(before));
+  return r;
+}
+
+void FirewallService::RollBack(Requested before) {
+  m_requested = std::move(before);
+  ForgetWantedStates();
+  QEL_CHECKED_CALL(m_tracer, SyncFirewallState(), "Cannot bring the firewall back to the rules in force");
 }
 
 result_t FirewallService::SetEnforce(bool doEnforce) noexcept {
   return tracing::Guarded(m_tracer, "SetEnforce", [&] {
     m_tracer.Write(Detail, "SetEnforce", "() ", " doEnforce ", doEnforce ? "true" : "false");
     if (SkipShuttingDown("SetEnforce")) return oro::errOk;
-    return DoSetEnforce(doEnforce);
+    bool changed = false;
+    result_t r;
+    {
+      std::lock_guard lock(m_mutex);
+      r = DoSetEnforce(doEnforce, changed);
+    }
+    if (!changed) return r;
+    return WithPolling(r, UpdatePolling());
   });
 }
 
-result_t FirewallService::DoSetEnforce(bool doEnforce) {
-  {
-    std::lock_guard lock(m_mutex);
-    if (m_enforce == doEnforce) return oro::errOk;
-    m_enforce = doEnforce;
-    ForgetWantedStates();
-  }
+// A synchronisation that fails leaves the new value in place: the poll,
+// armed whatever the outcome, or the next call tries again.
+result_t FirewallService::DoSetEnforce(bool doEnforce, bool& changed) {
+  if (m_requested.enforce == doEnforce && m_inForce) return oro::errOk;
+  changed = true;
+  m_requested.enforce = doEnforce;
+  ForgetWantedStates();
   const bool unenforcing = !doEnforce;
   const result_t r = SyncFirewallState(unenforcing);
-  if (ORO_FAILED(r)) {
-    QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallState(unenforcing)", r, "");
-    return r;
-  }
-  return UpdatePolling();
+  if (ORO_FAILED(r)) QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallState(unenforcing)", r, "");
+  return r;
 }
 
 bool FirewallService::PollingNeeded() {
   if (m_shuttingDown) return false;
   std::lock_guard lock(m_mutex);
-  return m_enforce || m_packetRules || !m_dynamicRules.empty();
+  const auto& packetRules = m_requested.packetRules;
+  return m_requested.enforce || (packetRules && !packetRules->packetRules.empty()) ||
+         !m_requested.dynamicRules.empty();
 }
 
+// The answer is taken and acted on under m_pollMutex: whoever comes last
+// sees every change made before it and leaves the timer as they need it.
 result_t FirewallService::UpdatePolling() {
   m_tracer.Write(Detail, "UpdatePolling", "() ");
+  std::lock_guard pollLock(m_pollMutex);
   const bool needed = PollingNeeded();
-  bool polling;
-  {
-    std::lock_guard lock(m_mutex);
-    polling = m_polling;
-  }
-  if (needed == polling) return oro::errOk;
+  if (needed == m_polling) return oro::errOk;
   if (!needed) {
     m_tracer.Write(Warning, "UpdatePolling", ": ", "Stopping firewall state polling");
-    const result_t r = QEL_CHECKED_CALL(m_tracer, m_pollTimer->CancelAndWait(m_pollHandler.Get()), "");
-    if (ORO_FAILED(r)) return r;
+    const result_t r = m_pollTimer->CancelAndWait(m_pollHandler.Get());
+    if (ORO_FAILED(r)) {
+      QEL_TRACE_FAILED_CALL(m_tracer, "m_pollTimer->CancelAndWait(m_pollHandler)", r, "");
+      return r;
+    }
   } else {
     m_tracer.Write(Warning, "UpdatePolling", ": ", "Starting firewall state polling");
-    const result_t r = QEL_CHECKED_CALL(m_tracer, m_pollTimer->SetRepeated(m_pollHandler.Get(), Interval), "");
-    if (ORO_FAILED(r)) return r;
+    const result_t r = m_pollTimer->SetRepeated(m_pollHandler.Get(), Interval);
+    if (ORO_FAILED(r)) {
+      QEL_TRACE_FAILED_CALL(m_tracer, "m_pollTimer->SetRepeated(m_pollHandler, Interval)", r, "");
+      return r;
+    }
   }
-  std::lock_guard lock(m_mutex);
   m_polling = needed;
   return oro::errOk;
 }
@@ -324,6 +345,7 @@ result_t FirewallService::RunPoll() noexcept {
       m_tracer.Write(Warning, "RunPoll", ": ", " Rules will be cleared on shutdown complete. skip poll");
       return oro::errOk;
     }
+    std::lock_guard lock(m_mutex);
     return SyncFirewallState();
   });
 }
@@ -345,26 +367,20 @@ FirewallService::StatePtr FirewallService::WantedState(IPAddressFamily::Type fam
   StatePtr& wanted = m_wantedStates[{family, table}];
   if (!wanted) {
     const CompiledRules* compiled = nullptr;
-    if (m_enforce && m_compiled) compiled = family == IPAddressFamily::IPv4 ? &m_compiled->ipv4 : &m_compiled->ipv6;
-    wanted = std::make_shared<const State>(ChainLayout::WantedState(family, table, compiled, m_dynamicRules));
+    const Compiled* both = m_requested.enforce ? m_requested.compiled.get() : nullptr;
+    if (both) compiled = family == IPAddressFamily::IPv4 ? &both->ipv4 : &both->ipv6;
+    wanted = std::make_shared<const State>(
+        ChainLayout::WantedState(family, table, compiled, m_requested.dynamicRules));
   }
   return wanted;
 }
 
 result_t FirewallService::SyncFirewallState(bool unenforcing) {
   m_tracer.Write(Detail, "SyncFirewallState", "() ", "unenforcing=", unenforcing ? "true" : "false");
-  std::lock_guard syncLock(m_syncMutex);
   PendingListings listings = ListAhead();
-  // Every table's wanted state is taken under one lock: a consistent
-  // snapshot, shared with the stored rules rather than copied from them.
   std::vector<std::pair<TableId, StatePtr>> wanted;
-  {
-    std::lock_guard lock(m_mutex);
-    for (auto family : Families()) {
-      for (const auto& table : ChainLayout::Tables()) {
-        wanted.emplace_back(TableId{family, table}, WantedState(family, table));
-      }
-    }
+  for (auto family : Families()) {
+    for (const auto& table : ChainLayout::Tables()) wanted.emplace_back(TableId{family, table}, WantedState(family, table));
   }
   std::ostringstream extra, missing;
   bool isIntegrityBroken = false;
@@ -385,6 +401,7 @@ result_t FirewallService::SyncFirewallState(bool unenforcing) {
     QEL_CHECKED_CALL(m_tracer, PublishIntegrityBrokenEvent(extra.str(), missing.str()),
                      "Cannot publish firewall integrity broken event");
   }
+  m_inForce = ORO_SUCCEEDED(firstFailure);
   return firstFailure;
 }
 

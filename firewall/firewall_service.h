@@ -3,6 +3,17 @@
 // switch from the firewall task, dynamic rules from other components,
 // reconciles every table on each change and on a 60 s poll, reports foreign
 // changes, and removes all of its rules when it is released.
+//
+// What holds once every call has returned, whatever several callers and
+// the poll did at once and whatever the kernel refused:
+//  - the poll timer is armed exactly when polling is needed: not shutting
+//    down, and enforcing or holding packet rules or dynamic rules;
+//  - a call that succeeded has its rules stored, so the next successful
+//    synchronisation puts them in the kernel;
+//  - a change the kernel refused took back what it stored or removed, and
+//    nothing else: another caller's rules stay as that caller left them.
+//    (Enforcement is the exception: a failed switch keeps its new value,
+//    and the poll tries again.)
 #pragma once
 
 #include <atomic>
@@ -10,7 +21,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -27,6 +37,8 @@
 
 namespace qel::firewall {
 
+class PollHandler;
+
 class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynamicRules, oro::IServiceShutdown> {
  public:
   static constexpr std::uint32_t Interval = 60000;  // poll period, milliseconds
@@ -34,6 +46,7 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   // `suitableConntrack`: the kernel tells connection directions apart
   // (see ProbeConntrackRevision).
   FirewallService(oro::IServiceLocator* locator, bool suitableConntrack);
+  ~FirewallService() override;
 
   oro::result_t FinalConstruct();
   void FinalRelease() noexcept;
@@ -63,6 +76,13 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   // Kept whole until replaced: the next compilation takes over from them.
   using SettingsPtr = std::shared_ptr<const settings::FirewallSettings>;
   using CompiledPtr = std::shared_ptr<const Compiled>;
+  // What callers asked for: the sources of every wanted state.
+  struct Requested {
+    bool enforce = false;
+    SettingsPtr packetRules;
+    CompiledPtr compiled;
+    std::vector<TaggedRule> dynamicRules;
+  };
   // A table's current state, read on a thread of its own while earlier
   // tables are being synchronised.
   struct Listing {
@@ -71,53 +91,63 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   };
   using PendingListings = std::map<TableId, std::future<Listing>>;
 
+  // Each runs with m_mutex held for the whole change: what it stores, the
+  // synchronisation and, when that fails, the rollback.
   oro::result_t DoSetPacketRules(const settings::FirewallSettings& rules);
   oro::result_t DoAddRules(const RuleDescriptions& rules, const std::string& tag);
   oro::result_t DoRemoveRules(const RuleDescriptions& rules);
-  oro::result_t DoSetEnforce(bool doEnforce);
+  oro::result_t DoSetEnforce(bool doEnforce, bool& changed);
 
-  // `unenforcing` only shows in the trace: what is wanted follows the
-  // enforcement switch itself.
+  // With m_mutex held. `unenforcing` only shows in the trace: what is
+  // wanted follows the enforcement switch itself.
   oro::result_t SyncFirewallState(bool unenforcing = false);
   // `listing`: the table's state read ahead, or null to read it here.
   oro::result_t SyncFirewallTable(types::IPAddressFamily::Type family, const std::string& table, StatePtr& previous,
                                   const StatePtr& next, std::ostringstream& extra, std::ostringstream& missing,
                                   bool& isIntegrityBroken, std::future<Listing>* listing = nullptr);
-  bool NeedsListing(const TableId& table, const StatePtr& previous, const StatePtr& next);  // with m_syncMutex held
-  PendingListings ListAhead();                                                              // with m_syncMutex held
+  // Stores `before` again after a change the kernel refused, and brings
+  // the kernel back to it.
+  void RollBack(Requested before);
+  bool NeedsListing(const TableId& table, const StatePtr& previous, const StatePtr& next);
+  PendingListings ListAhead();
   oro::result_t PublishIntegrityBrokenEvent(const std::string& extra, const std::string& missing);
-  oro::result_t UpdatePolling();
 
-  Compiled Compile(const settings::FirewallSettings& rules, const SettingsPtr& earlierRules,
-                   const CompiledPtr& earlierCompiled) const;
+  // Arms or disarms the timer as PollingNeeded says; called at the end of
+  // every entry point that may change the answer, whatever it did before.
+  oro::result_t UpdatePolling();
   bool PollingNeeded();
-  std::vector<types::IPAddressFamily::Type> Families() const;  // with m_syncMutex held
+
+  Compiled Compile(const settings::FirewallSettings& rules) const;
+  std::vector<types::IPAddressFamily::Type> Families() const;
   bool SkipShuttingDown(const char* function);
-  StatePtr WantedState(types::IPAddressFamily::Type family, const std::string& table);  // with m_mutex held
-  void ForgetWantedStates();                                                          // with m_mutex held
+  StatePtr WantedState(types::IPAddressFamily::Type family, const std::string& table);
+  void ForgetWantedStates();
 
   oro::IServiceLocator* m_locator;
   tracing::Tracer m_tracer;
   const bool m_suitableConntrack;
   oro::RefPtr<oro::ITimer> m_pollTimer;
-  oro::RefPtr<oro::IRunnable> m_pollHandler;
+  oro::RefPtr<PollHandler> m_pollHandler;
   oro::RefPtr<oro::IEventPublisher> m_eventPublisher;
   oro::RefPtr<IIptablesInfoProvider> m_infoProvider;
 
   std::atomic<bool> m_shuttingDown{false};
 
-  std::mutex m_mutex;  // guards the fields below
-  bool m_enforce = false;
-  bool m_polling = false;
-  SettingsPtr m_packetRules;
-  CompiledPtr m_compiled;
-  std::vector<TaggedRule> m_dynamicRules;
-  // Built from the three above on first use; forgotten whenever one changes.
-  std::map<TableId, StatePtr> m_wantedStates;
+  // Serialises arming and disarming the timer. The poll never takes it, so
+  // that CancelAndWait may wait for a running poll while it is held; it is
+  // never taken with m_mutex held.
+  std::mutex m_pollMutex;
+  bool m_polling = false;  // the timer is armed; guarded by m_pollMutex
 
-  // Serialises synchronisations (a poll and a change never run at once)
-  // and guards what they keep between runs.
-  std::mutex m_syncMutex;
+  // Guards everything below. Held for a whole change or poll, so that one
+  // caller's change, its synchronisation and its rollback never interleave
+  // with another's; never held across the timer calls.
+  std::mutex m_mutex;
+  Requested m_requested;
+  // The last synchronisation succeeded: the kernel holds what is wanted.
+  bool m_inForce = true;
+  // Built from m_requested on first use; forgotten whenever it changes.
+  std::map<TableId, StatePtr> m_wantedStates;
   std::map<TableId, StatePtr> m_previousState;  // null: nothing installed
   std::map<TableId, bool> m_listedOnce;
 };

@@ -80,6 +80,9 @@ result_t FirewallTask::DoStart(oro::ITaskStopEvents* stopEvents) {
   }
   r = QEL_CHECKED_CALL(m_tracer, m_packetRules->SetEnforce(true), "Cannot turn on firewall packet rules enforcing");
   if (ORO_FAILED(r)) {
+    // The service keeps enforcing after a failed start and retries on its
+    // poll; a task that did not start must leave nothing enforced.
+    QEL_CHECKED_CALL(m_tracer, m_packetRules->SetEnforce(false), "Cannot turn off firewall packet rules enforcing");
     RollBackStart(true);
     return r;
   }

@@ -75,7 +75,8 @@ TEST_F(FirewallTaskTest, FailedStartUndoesWhatItDidInReverse) {
        {"Logger.Start()", "SetApply(false)", "SetPacketRules", "SetApply(false)", "Logger.Stop"},
        "Cannot set firewall packet rules"},
       {"SetEnforce(true)",
-       {"Logger.Start()", "SetApply(false)", "SetPacketRules", "SetEnforce(true)", "SetApply(false)", "Logger.Stop"},
+       {"Logger.Start()", "SetApply(false)", "SetPacketRules", "SetEnforce(true)", "SetEnforce(false)",
+        "SetApply(false)", "Logger.Stop"},
        "(m_packetRules->SetEnforce(true)),(ORO_SUCCEEDED(_result)) failed: result = 0x80000221 (Timeout). "
        "Cannot turn on firewall packet rules enforcing"},
   };
