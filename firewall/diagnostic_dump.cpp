@@ -1,6 +1,7 @@
 #include "firewall/diagnostic_dump.h"
 
 #include <boost/format.hpp>
+#include <stdexcept>
 
 #include "qel_common/string_conv.h"
 
@@ -17,6 +18,17 @@ std::string JoinWithCommas(const Items& items, Render render) {
     text += render(item);
   }
   return text;
+}
+
+// A dump shows what it was given and never fails the call that traces it:
+// a value outside its enumeration is written as its number.
+template <class Enum>
+std::string NameOrNumber(Enum value) {
+  try {
+    return settings::EnumToString(value);
+  } catch (const std::invalid_argument&) {
+    return std::to_string(static_cast<std::uint32_t>(value));
+  }
 }
 
 std::string ListForm(const std::string& elements) { return boost::str(boost::format("[%1%]") % elements); }
@@ -61,8 +73,7 @@ std::string DumpPacketRule(const settings::PacketRule& rule) {
   return boost::str(
       boost::format(
           R"({"name":"%1%","action":"%2%","direction":"%3%","protocol":"%4%","remotePorts":"%5%","localPorts":"%6%","icmpType":"%7%","icmpCode":"%8%","remoteAddress":"%9%","localAddress":"%10%","doLogAttempts":"%11%"})") %
-      ToUtf8(rule.name) % settings::EnumToString(rule.action) % settings::EnumToString(rule.direction) %
-      settings::EnumToString(rule.protocol) % ToUtf8(rule.remotePorts) % ToUtf8(rule.localPorts) %
+      ToUtf8(rule.name) % NameOrNumber(rule.action) % NameOrNumber(rule.direction) % NameOrNumber(rule.protocol) % ToUtf8(rule.remotePorts) % ToUtf8(rule.localPorts) %
       ToUtf8(rule.icmpType) % ToUtf8(rule.icmpCode) % ToUtf8(rule.remoteAddress) % ToUtf8(rule.localAddress) %
       rule.doLogAttempts);
 }
@@ -71,8 +82,8 @@ std::string DumpSettings(const settings::FirewallSettings& settings) {
   return boost::str(
       boost::format(
           R"({"defaultIncomingAction":"%1%","defaultIncomingPacketAction":"%2%",openOstraPorts":"%3%","packetRules":"%4%","networkZonesTrusted":"%5%","networkZonesLocal":"%6%","networkZonesPublic":"%7%"})") %
-      settings::EnumToString(settings.defaultIncomingAction) %
-      settings::EnumToString(settings.defaultIncomingPacketAction) % settings.openOstraPorts %
+      NameOrNumber(settings.defaultIncomingAction) %
+      NameOrNumber(settings.defaultIncomingPacketAction) % settings.openOstraPorts %
       DumpPacketRuleList(settings.packetRules) % DumpZone(settings.networkZonesTrusted) %
       DumpZone(settings.networkZonesLocal) % DumpZone(settings.networkZonesPublic));
 }

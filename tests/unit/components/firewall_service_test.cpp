@@ -125,6 +125,22 @@ TEST_F(FirewallServiceTest, BadSettingsOrARefusingKernelKeepTheRulesInForce) {
   EXPECT_EQ(kernel->TableOf(kFilter4), inForce);
 }
 
+// Whether the settings are traced must not change what a call does: an
+// enumeration value out of range is refused the same way at every level.
+TEST_F(FirewallServiceTest, TracingNeverChangesTheOutcome) {
+  Enforce(SshSettings());
+  const auto inForce = kernel->TableOf(kFilter4);
+  auto bad = SshSettings(u"80");
+  bad.packetRules[0].action = static_cast<settings::PacketRuleAction>(77);
+  for (const auto level : {oro::trace_level::Detail, oro::trace_level::Warning}) {
+    SCOPED_TRACE(level);
+    tracer->enabledUpTo = level;
+    EXPECT_EQ(service->SetPacketRules(bad), oro::errInvalidArgument);
+    EXPECT_EQ(kernel->TableOf(kFilter4), inForce);
+  }
+  EXPECT_TRUE(tracer->Contains(oro::trace_level::Detail, R"("action":"77")"));
+}
+
 TEST_F(FirewallServiceTest, DynamicRulesArePolledWhileHeldEvenWithEnforcementOff) {
   ASSERT_EQ(service->AddRules({AgentPort(4000)}, "ostra"), oro::errOk);
   EXPECT_EQ(Input(), (Lines{AgentPortText(4000)}));
