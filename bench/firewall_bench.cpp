@@ -284,6 +284,36 @@ FirewallSettings MakeSettings(int packetRules) {
 // The port a changed rule gets: not used by any other rule.
 constexpr int kChangedPort = 65100;
 
+// Larger settings changes, each measured against the settings in force:
+// which packet rules get the changed port.
+struct ChangeShape {
+  const char* key;
+  const char* title;
+  bool (*changes)(int rule, int rules);
+};
+
+constexpr ChangeShape kShapes[] = {
+    {"every_second", "every second rule", [](int rule, int) { return rule % 2 == 1; }},
+    {"first_half", "the first half", [](int rule, int rules) { return rule < rules / 2; }},
+    {"second_half", "the second half", [](int rule, int rules) { return rule >= rules / 2; }},
+};
+
+// The module's own CPU for a shape may be at most this many times its own
+// CPU for a one-rule change at the same size: the work grows with what
+// changes, never with its square.
+constexpr double kShapeGoal = 3.0;
+
+FirewallSettings ChangedSettings(const FirewallSettings& settings, const ChangeShape& shape) {
+  FirewallSettings changed = settings;
+  const int rules = static_cast<int>(changed.packetRules.size());
+  for (int i = 0; i < rules; ++i) {
+    if (shape.changes(i, rules)) {
+      changed.packetRules[static_cast<std::size_t>(i)].localPorts = qel::tools::ToUtf16(std::to_string(kChangedPort));
+    }
+  }
+  return changed;
+}
+
 // The kernel text of packet rule `i` listening on `port`, as the listing
 // prints it.
 std::string KernelRuleText(int i, int port) {
@@ -471,6 +501,16 @@ std::string MeasureInNamespace(int scale, int repeat) {
         RunTool({"iptables-restore", "-n", "-w"}, &revert, false);
         m.samples["c.bare"].push_back(watch.Stop());
       }
+      // Larger changes, each from the original settings and back (the way
+      // back is not measured).
+      module.Check(module.service->SetPacketRules(settings), "SetPacketRules(back)");
+      for (const auto& shape : kShapes) {
+        const FirewallSettings shaped = ChangedSettings(settings, shape);
+        const Stopwatch watch;
+        module.Check(module.service->SetPacketRules(shaped), shape.key);
+        m.samples[std::string("shape.") + shape.key].push_back(watch.Stop());
+        module.Check(module.service->SetPacketRules(settings), "SetPacketRules(back)");
+      }
       // Releasing the service removes its rules; not measured.
     }
     // (a) bare: the same final state restored by the tool alone.
@@ -541,6 +581,20 @@ int SpawnsOf(const Measurements& m, const std::string& caseKey) {
   return fact == m.facts.end() ? 0 : std::stoi(fact->second);
 }
 
+// Own CPU of the larger changes against that of the one-rule change.
+void PrintShapes(const Measurements& m) {
+  const double oneRule = MedianOf(m.samples.at("c.module")).selfCpuMs;
+  std::printf("   %-32s %10s %12s %14s\n", "changed packet rules", "module ms", "own CPU ms", "x one-rule");
+  for (const auto& shape : kShapes) {
+    const auto samples = m.samples.find(std::string("shape.") + shape.key);
+    if (samples == m.samples.end()) continue;
+    const Sample s = MedianOf(samples->second);
+    const double times = s.selfCpuMs / oneRule;
+    std::printf("   %-32s %10.1f %12.1f %8.2f <= %.0f %s\n", shape.title, s.wallMs, s.selfCpuMs, times, kShapeGoal,
+                times <= kShapeGoal ? "met" : "NOT MET");
+  }
+}
+
 void PrintScale(const char* backend, int scale, const Result& result, int repeat) {
   std::printf("\n== %s, %d rules", backend, scale);
   if (!result.ok) {
@@ -571,6 +625,7 @@ void PrintScale(const char* backend, int scale, const Result& result, int repeat
               "first apply script %s bytes\n",
               fact("poll_listings"), fact("change_listings"), fact("change_restores"), fact("change_script_bytes"),
               fact("restore_bytes"));
+  PrintShapes(result.m);
 }
 
 void PrintSummary(const char* backend, const std::map<int, Result>& results) {
@@ -669,6 +724,8 @@ int main(int argc, char** argv) {
               "    (the saved chains and rules, without the built-in chains' policies)\n");
   std::printf("(b) RunPoll with nothing to do vs iptables -S + ip6tables -S of the filter tables\n");
   std::printf("(c) SetPacketRules with one port changed vs both listings + a one-line iptables-restore -n\n");
+  std::printf("changed packet rules: SetPacketRules with every second, the first half or the second half of the\n"
+              "    packet rules changed; their own CPU against that of (c)\n");
   std::printf("ratio -sc: the ratio with the module's extra cost of starting each child by fork taken off\n");
   bool allOk = true;
   for (const auto backend : backends) {
