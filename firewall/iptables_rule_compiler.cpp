@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "firewall/rule_description.h"
 #include "qel_common/ip_address.h"
 #include "qel_common/string_conv.h"
 
@@ -23,8 +24,6 @@ using tools::IpVersion;
 using tools::PortRange;
 
 constexpr char kAny[] = "Any";
-
-enum class Side { Incoming, Outgoing };
 
 // A packet rule's fields in the 8-bit form that rule text is written in.
 struct RuleFields {
