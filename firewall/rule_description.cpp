@@ -31,11 +31,6 @@ std::string Hex(std::uint32_t value) {
 
 std::string Decimal(std::uint32_t value) { return std::to_string(value); }
 
-std::string PortRangeText(const PortRange& ports) {
-  if (ports.first == ports.last) return Decimal(ports.first);
-  return Decimal(ports.first) + ":" + Decimal(ports.last);
-}
-
 std::string MaskedText(const MarkMatch& mark) { return Hex(mark.value) + "/" + Hex(mark.mask.value_or(mark.value)); }
 
 const char* ConnStateName(ConnState state) {
@@ -122,8 +117,8 @@ std::string ConditionsText(const RuleDescription& d) {
   std::string text = " proto " + OptionalProtocolText(d.protocol) + " remote " + OptionalNetworkText(d.remote) +
                      " local " + OptionalNetworkText(d.local);
   if (d.iface) text += (d.iface->negated ? " ! iface " : " iface ") + d.iface->name;
-  if (d.remotePorts) text += " remotePorts " + PortRangeText(*d.remotePorts);
-  if (d.localPorts) text += " localPorts " + PortRangeText(*d.localPorts);
+  if (d.remotePorts) text += " remotePorts " + d.remotePorts->ToString();
+  if (d.localPorts) text += " localPorts " + d.localPorts->ToString();
   if (d.classid) text += " classid " + Hex(*d.classid);
   text += MarkText(" mark ", d.mark, "/");
   text += MarkText(" ! mark ", d.excludeMark, "/");
@@ -220,8 +215,8 @@ std::string ProtocolFragment(const std::optional<std::uint8_t>& protocol) {
 }
 
 // --sport 1000:2000
-std::string PortFragment(const char* option, const std::optional<PortRange>& ports) {
-  return ports ? option + PortRangeText(*ports) : "";
+std::string PortFragment(const char* option, const std::optional<tools::PortRange>& ports) {
+  return ports ? option + ports->ToString() : "";
 }
 
 // ! --tcp-flags FIN,SYN,RST,ACK SYN

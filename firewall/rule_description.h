@@ -15,6 +15,7 @@
 
 #include "firewall/firewall_settings.h"
 #include "firewall/rule_model.h"
+#include "qel_common/ip_address.h"
 
 namespace qel::firewall {
 
@@ -29,14 +30,6 @@ struct Network {
   std::uint8_t prefixLength = 0;
 
   bool operator==(const Network&) const = default;
-};
-
-// Inclusive; a single port has first == last.
-struct PortRange {
-  std::uint16_t first = 0;
-  std::uint16_t last = 0;
-
-  bool operator==(const PortRange&) const = default;
 };
 
 struct InterfaceMatch {
@@ -146,8 +139,8 @@ struct RuleDescription {
   std::optional<Network> remote;
   std::optional<Network> local;
   std::optional<InterfaceMatch> iface;
-  std::optional<PortRange> remotePorts;  // TCP and UDP only
-  std::optional<PortRange> localPorts;   // TCP and UDP only
+  std::optional<tools::PortRange> remotePorts;  // TCP and UDP only
+  std::optional<tools::PortRange> localPorts;   // TCP and UDP only
   std::optional<std::uint32_t> classid;
   std::optional<MarkMatch> mark;
   std::optional<MarkMatch> excludeMark;

@@ -11,6 +11,8 @@
 namespace qel::firewall {
 namespace {
 
+using tools::PortRange;
+
 constexpr auto kV4 = types::IPAddressFamily::IPv4;
 constexpr auto kV6 = types::IPAddressFamily::IPv6;
 
