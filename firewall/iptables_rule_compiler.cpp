@@ -8,7 +8,6 @@
 #include <stdexcept>
 
 #include "firewall/rule_description.h"
-#include "qel_common/ip_address.h"
 #include "qel_common/string_conv.h"
 
 namespace qel::firewall {
@@ -334,7 +333,7 @@ class FamilyCompiler {
                  const tracing::Tracer& tracer, const EarlierCompilation* earlier)
       : m_settings(settings),
         m_earlier(earlier && SameZones(settings, earlier->settings) ? earlier : nullptr),
-        m_version(family == types::IPAddressFamily::IPv6 ? IpVersion::V6 : IpVersion::V4),
+        m_version(IpVersionOf(family)),
         // An unreliable direction test in the kernel sees every connection
         // from the other end, so the words trade places.
         m_forward(suitableConntrack ? "ORIGINAL" : "REPLY"),
@@ -564,6 +563,10 @@ RuleCompileError::RuleCompileError(std::size_t ruleIndex, std::string ruleName, 
       m_field(std::move(field)),
       m_value(std::move(value)),
       m_reason(std::move(reason)) {}
+
+IpVersion IpVersionOf(types::IPAddressFamily::Type family) noexcept {
+  return family == types::IPAddressFamily::IPv6 ? IpVersion::V6 : IpVersion::V4;
+}
 
 Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold) {
   std::vector<std::string> target{"NFLOG"};

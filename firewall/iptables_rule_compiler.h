@@ -9,6 +9,7 @@
 #include "firewall/firewall_settings.h"
 #include "firewall/rule_model.h"
 #include "oro/exception.h"
+#include "qel_common/ip_address.h"
 #include "qel_tracing/tracer.h"
 
 namespace qel::firewall {
@@ -52,6 +53,9 @@ class RuleCompileError : public oro::Exception {
   std::string m_value;
   std::string m_reason;
 };
+
+// The IP version whose rules a settings family holds.
+tools::IpVersion IpVersionOf(types::IPAddressFamily::Type family) noexcept;
 
 // The NFLOG target: "NFLOG", then "--nflog-prefix" and the prefix when it is
 // not empty, "--nflog-group" and the group when it is not 0, and

@@ -1,7 +1,5 @@
 #include "firewall/rule_description.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <charconv>
 #include <ostream>
@@ -90,9 +88,19 @@ std::string TcpFlagSetText(std::uint8_t flags) {
   return text.empty() ? "NONE" : text;
 }
 
+// The kernel keeps only the network part of an address, and the listing
+// prints it that way: 10.1.2.3/8 comes back as 10.0.0.0/8. Writing it so
+// keeps the module's rules recognisable.
+tools::IpNetwork NetworkPart(const tools::IpNetwork& network) {
+  return {tools::MaskHostBits(network.address, network.prefixLength), network.prefixLength};
+}
+
+// "10.0.0.0/8", "fe80::/10".
+std::string NetworkText(const tools::IpNetwork& network) { return NetworkPart(network).ToString(); }
+
 // --- Printed form ------------------------------------------------------------
 
-std::string OptionalNetworkText(const std::optional<Network>& network) {
+std::string OptionalNetworkText(const std::optional<tools::IpNetwork>& network) {
   return network ? NetworkText(*network) : "any";
 }
 
@@ -172,31 +180,20 @@ struct ActionFieldsText {
 
 // --- Match tokens ------------------------------------------------------------
 
-// The kernel keeps only the network part of an address, and the listing
-// prints it that way: 10.1.2.3/8 comes back as 10.0.0.0/8. Writing it so
-// keeps the module's rules recognisable.
-std::array<std::uint8_t, 16> NetworkPart(const Network& network) {
-  std::array<std::uint8_t, 16> address = network.address;
-  const unsigned bits = network.family == IPAddressFamily::IPv4 ? 32 : 128;
-  const unsigned prefix = std::min<unsigned>(network.prefixLength, bits);
-  for (unsigned bit = prefix; bit < bits; ++bit) address[bit / 8] &= static_cast<std::uint8_t>(~(0x80u >> (bit % 8)));
-  return address;
-}
-
 // Also true for any address with prefix 0: that matches everything, and the
 // listing leaves it out.
-bool IsAllZero(const Network& network) {
-  const std::size_t size = network.family == IPAddressFamily::IPv4 ? 4 : 16;
-  const auto address = NetworkPart(network);
-  return std::all_of(address.begin(), address.begin() + size, [](std::uint8_t b) { return b == 0; });
+bool IsAllZero(const tools::IpNetwork& network) {
+  const tools::IpAddress address = NetworkPart(network).address;
+  return std::all_of(address.bytes.begin(), address.bytes.begin() + address.Size(),
+                     [](std::uint8_t b) { return b == 0; });
 }
 
-bool BelongsTo(const std::optional<Network>& network, IPAddressFamily::Type family) {
-  return !network || network->family == family;
+bool BelongsTo(const std::optional<tools::IpNetwork>& network, IPAddressFamily::Type family) {
+  return !network || network->address.version == IpVersionOf(family);
 }
 
 // -s 10.0.0.0/8
-std::string NetworkFragment(const char* option, const std::optional<Network>& network) {
+std::string NetworkFragment(const char* option, const std::optional<tools::IpNetwork>& network) {
   if (!network || IsAllZero(*network)) return "";
   return option + NetworkText(*network);
 }
@@ -361,14 +358,6 @@ const char* KindWord(std::size_t kindIndex) {
 
 RuleAction MakeAction(std::size_t kindIndex) {
   return MakeActionOf(kindIndex, std::make_index_sequence<kActionKindCount>());
-}
-
-std::string NetworkText(const Network& network) {
-  char text[INET6_ADDRSTRLEN] = {};
-  const int af = network.family == IPAddressFamily::IPv4 ? AF_INET : AF_INET6;
-  const auto address = NetworkPart(network);
-  inet_ntop(af, address.data(), text, sizeof(text));
-  return std::string(text) + "/" + Decimal(network.prefixLength);
 }
 
 namespace {

@@ -60,16 +60,6 @@ unsigned ParsePrefixLength(std::string_view text, unsigned fullLength) {
   return length;
 }
 
-IpAddress MaskHostBits(IpAddress address, unsigned prefixLength) {
-  for (std::size_t i = 0; i < address.Size(); ++i) {
-    const unsigned bitsBefore = static_cast<unsigned>(i * 8);
-    if (prefixLength >= bitsBefore + 8) continue;
-    const unsigned keep = prefixLength > bitsBefore ? prefixLength - bitsBefore : 0;
-    address.bytes[i] &= static_cast<std::uint8_t>(0xff00u >> keep);
-  }
-  return address;
-}
-
 std::string_view TrimBlanks(std::string_view text) {
   const std::size_t begin = text.find_first_not_of(" \t");
   if (begin == std::string_view::npos) return {};
@@ -88,6 +78,16 @@ std::uint16_t ParsePort(std::string_view text) {
 }
 
 }  // namespace
+
+IpAddress MaskHostBits(IpAddress address, unsigned prefixLength) noexcept {
+  for (std::size_t i = 0; i < address.Size(); ++i) {
+    const unsigned bitsBefore = static_cast<unsigned>(i * 8);
+    if (prefixLength >= bitsBefore + 8) continue;
+    const unsigned keep = prefixLength > bitsBefore ? prefixLength - bitsBefore : 0;
+    address.bytes[i] &= static_cast<std::uint8_t>(0xff00u >> keep);
+  }
+  return address;
+}
 
 // IPv4 by hand: the C library formats it through printf, and the compiler
 // writes one address for every rule of every compilation.

@@ -43,8 +43,9 @@ struct IpAddress {
   auto operator<=>(const IpAddress&) const = default;
 };
 
-// A network with its host bits cleared, so that "10.1.2.3/8" is 10.0.0.0/8:
-// the tools keep only the network part and print that back.
+// A network. The tools keep only its network part and print that back, so
+// "10.1.2.3/8" is 10.0.0.0/8: ParseIpNetwork clears the host bits, and a
+// network built otherwise is written through MaskHostBits.
 struct IpNetwork {
   IpAddress address;
   unsigned prefixLength = 32;
@@ -69,6 +70,9 @@ struct IpRange {
 // One element of an address list: a range when the text holds "-", else a
 // network.
 using AddressElement = std::variant<IpNetwork, IpRange>;
+
+// `address` with every bit after the first `prefixLength` cleared.
+IpAddress MaskHostBits(IpAddress address, unsigned prefixLength) noexcept;
 
 // A bare IPv4 or IPv6 address (an IPv6 one may stand in brackets).
 IpAddress ParseIpAddress(std::string_view text);
