@@ -11,15 +11,15 @@ using types::IPAddressFamily;
 
 constexpr std::string_view kPreIsolation = "vorn_pre_isolation";
 constexpr std::string_view kPostIsolation = "vorn_post_isolation";
-constexpr std::string_view kPrerouting = "vorn_prerouting";
-constexpr std::string_view kInput = "vorn_input";
-constexpr std::string_view kForward = "vorn_forward";
-constexpr std::string_view kOutput = "vorn_output";
-constexpr std::string_view kPostrouting = "vorn_postrouting";
+constexpr std::string_view kModulePrerouting = "vorn_prerouting";
+constexpr std::string_view kModuleInput = "vorn_input";
+constexpr std::string_view kModuleForward = "vorn_forward";
+constexpr std::string_view kModuleOutput = "vorn_output";
+constexpr std::string_view kModulePostrouting = "vorn_postrouting";
 constexpr std::string_view kBypass = "vorn_bypass";
 
-constexpr std::array<std::string_view, 8> kModuleChains = {kPreIsolation, kPostIsolation, kPrerouting, kInput,
-                                                           kForward,      kOutput,        kPostrouting, kBypass};
+constexpr std::array<std::string_view, 8> kModuleChains = {kPreIsolation, kPostIsolation, kModulePrerouting, kModuleInput,
+                                                           kModuleForward,      kModuleOutput,        kModulePostrouting, kBypass};
 
 // Which table and which part of a chain a dynamic rule goes to, by kind.
 enum class Placement { Bypass, Isolation, Filter, Mangle, Nat };
@@ -120,10 +120,10 @@ State FilterState(IPAddressFamily::Type family, const CompiledRules* compiled, c
   auto postIsolation = IsolationChain(DynamicRules(dynamic, family, Placement::Isolation, Side::Outgoing),
                                       Side::Outgoing);
   StateBuilder state;
-  state.AddReached("INPUT", kInput,
+  state.AddReached(kInputChain, kModuleInput,
                    FilterChain(family, dynamic, Side::Incoming, !preIsolation.empty(),
                                compiled ? &compiled->incoming : nullptr));
-  state.AddReached("OUTPUT", kOutput,
+  state.AddReached(kOutputChain, kModuleOutput,
                    FilterChain(family, dynamic, Side::Outgoing, !postIsolation.empty(),
                                compiled ? &compiled->outgoing : nullptr));
   state.AddInner(kPreIsolation, std::move(preIsolation));
@@ -133,15 +133,15 @@ State FilterState(IPAddressFamily::Type family, const CompiledRules* compiled, c
 
 State MangleState(IPAddressFamily::Type family, const std::vector<TaggedRule>& dynamic) {
   StateBuilder state;
-  state.AddReached("PREROUTING", kPrerouting, DynamicRules(dynamic, family, Placement::Mangle, Side::Incoming));
-  state.AddReached("OUTPUT", kOutput, DynamicRules(dynamic, family, Placement::Mangle, Side::Outgoing));
+  state.AddReached(kPreroutingChain, kModulePrerouting, DynamicRules(dynamic, family, Placement::Mangle, Side::Incoming));
+  state.AddReached(kOutputChain, kModuleOutput, DynamicRules(dynamic, family, Placement::Mangle, Side::Outgoing));
   return state.Take();
 }
 
 State NatState(IPAddressFamily::Type family, const std::vector<TaggedRule>& dynamic) {
   StateBuilder state;
-  state.AddReached("PREROUTING", kPrerouting, DynamicRules(dynamic, family, Placement::Nat, Side::Incoming));
-  state.AddReached("POSTROUTING", kPostrouting, DynamicRules(dynamic, family, Placement::Nat, Side::Outgoing));
+  state.AddReached(kPreroutingChain, kModulePrerouting, DynamicRules(dynamic, family, Placement::Nat, Side::Incoming));
+  state.AddReached(kPostroutingChain, kModulePostrouting, DynamicRules(dynamic, family, Placement::Nat, Side::Outgoing));
   return state.Take();
 }
 
