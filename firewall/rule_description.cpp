@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <ostream>
+#include <type_traits>
 #include <utility>
 
 #include "firewall/iptables_rule_compiler.h"
@@ -145,38 +146,39 @@ std::string ConditionsText(const RuleDescription& d) {
   return text;
 }
 
-struct ActionFieldsText {
-  std::string operator()(const RawAction& a) const {
-    std::string text = " target " + a.target + " --";
-    for (const auto argument : a.arguments) text.append(" ").append(argument);
-    return text;
-  }
-  std::string operator()(const AccessAction& a) const { return " action " + Decimal(a.action); }
-  std::string operator()(const QueueAction& a) const { return " queue " + Decimal(a.queue); }
-  std::string operator()(const MarkAction& a) const { return " assignMark " + Hex(a.assignMark); }
-  std::string operator()(const DivertAction& a) const {
-    std::string text = " divertToPort " + Decimal(a.divertToPort);
-    if (a.assignMark) text += " assignMark " + Hex(*a.assignMark);
-    return text;
-  }
-  std::string operator()(const NatAction& a) const { return " action " + Decimal(a.action); }
-  std::string operator()(const ConnmarkAction& a) const {
-    return " assignCtmark " + Hex(a.assignCtmark) + " assignCtmask " + Hex(a.assignCtmask);
-  }
-  std::string operator()(const ConnmarkSaveAction& a) const {
-    return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask);
-  }
-  std::string operator()(const ConnmarkRestoreAction& a) const {
-    return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask);
-  }
-  std::string operator()(const NflogAction& a) const {
-    std::string text = " nflogGroup " + Decimal(a.nflogGroup);
-    if (a.nflogPrefix) text += " nflogPrefix " + *a.nflogPrefix;
-    return text + " nflogThreshold " + Decimal(a.nflogThreshold);
-  }
-  std::string operator()(const IsolationAction& a) const { return " action " + Decimal(a.action); }
-  std::string operator()(const BypassAction&) const { return ""; }
-};
+// The fields of each kind of action, after the conditions.
+std::string FieldsText(const RawAction& a) {
+  std::string text = " target " + a.target + " --";
+  for (const auto argument : a.arguments) text.append(" ").append(argument);
+  return text;
+}
+std::string FieldsText(const AccessAction& a) { return " action " + Decimal(a.action); }
+std::string FieldsText(const QueueAction& a) { return " queue " + Decimal(a.queue); }
+std::string FieldsText(const MarkAction& a) { return " assignMark " + Hex(a.assignMark); }
+std::string FieldsText(const DivertAction& a) {
+  std::string text = " divertToPort " + Decimal(a.divertToPort);
+  if (a.assignMark) text += " assignMark " + Hex(*a.assignMark);
+  return text;
+}
+std::string FieldsText(const NatAction& a) { return " action " + Decimal(a.action); }
+std::string FieldsText(const ConnmarkAction& a) {
+  return " assignCtmark " + Hex(a.assignCtmark) + " assignCtmask " + Hex(a.assignCtmask);
+}
+std::string FieldsText(const ConnmarkSaveAction& a) { return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask); }
+std::string FieldsText(const ConnmarkRestoreAction& a) {
+  return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask);
+}
+std::string FieldsText(const NflogAction& a) {
+  std::string text = " nflogGroup " + Decimal(a.nflogGroup);
+  if (a.nflogPrefix) text += " nflogPrefix " + *a.nflogPrefix;
+  return text + " nflogThreshold " + Decimal(a.nflogThreshold);
+}
+std::string FieldsText(const IsolationAction& a) { return " action " + Decimal(a.action); }
+std::string FieldsText(const BypassAction&) { return ""; }
+
+std::string ActionFieldsText(const RuleAction& action) {
+  return std::visit([](const auto& a) { return FieldsText(a); }, action);
+}
 
 // --- Match tokens ------------------------------------------------------------
 
@@ -296,50 +298,60 @@ Tokens VerdictTarget(std::uint32_t action) {
   }
 }
 
-struct ActionTarget {
-  IPAddressFamily::Type family;
+// The target tokens of each kind of action.
+// -j <target> <arguments>
+Tokens TargetTokens(const RawAction& a) { return Concat(SplitTokens(a.target), a.arguments); }
+Tokens TargetTokens(const AccessAction& a) { return VerdictTarget(a.action); }
+// -j NFQUEUE --queue-num 5
+Tokens TargetTokens(const QueueAction& a) { return {"NFQUEUE", "--queue-num", Decimal(a.queue)}; }
+// -j MARK --set-xmark 0x10/0x10
+Tokens TargetTokens(const MarkAction& a) {
+  return {"MARK", "--set-xmark", Hex(a.assignMark) + "/" + Hex(a.assignMark)};
+}
+// -j TPROXY --on-port 8080 --on-ip 127.0.0.1 --tproxy-mark 0x2/0x2
+// IPv6 sockets bound to the IPv4 loopback see it as a mapped address.
+Tokens TargetTokens(const DivertAction& a, IPAddressFamily::Type family) {
+  const std::uint32_t mark = a.assignMark.value_or(0);
+  return {"TPROXY",
+          "--on-port",
+          Decimal(a.divertToPort),
+          "--on-ip",
+          family == IPAddressFamily::IPv4 ? "127.0.0.1" : "::ffff:127.0.0.1",
+          "--tproxy-mark",
+          Hex(mark) + "/" + Hex(mark)};
+}
+// -j MASQUERADE
+Tokens TargetTokens(const NatAction& a) { return {a.action != 0 ? "MASQUERADE" : "ACCEPT"}; }
+// -j CONNMARK --set-xmark 0x1/0xff
+Tokens TargetTokens(const ConnmarkAction& a) {
+  return {"CONNMARK", "--set-xmark", Hex(a.assignCtmark) + "/" + Hex(a.assignCtmask)};
+}
+// -j CONNMARK --save-mark --nfmask 0xff --ctmask 0xff
+Tokens TargetTokens(const ConnmarkSaveAction& a) {
+  return {"CONNMARK", "--save-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
+}
+// -j CONNMARK --restore-mark --nfmask 0xff --ctmask 0xff
+Tokens TargetTokens(const ConnmarkRestoreAction& a) {
+  return {"CONNMARK", "--restore-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
+}
+Tokens TargetTokens(const NflogAction& a) {
+  return NflogTarget(a.nflogPrefix.value_or(""), a.nflogGroup, a.nflogThreshold);
+}
+Tokens TargetTokens(const IsolationAction& a) { return VerdictTarget(a.action); }
+Tokens TargetTokens(const BypassAction&) { return {"RETURN"}; }
 
-  // -j <target> <arguments>
-  Tokens operator()(const RawAction& a) const { return Concat(SplitTokens(a.target), a.arguments); }
-  Tokens operator()(const AccessAction& a) const { return VerdictTarget(a.action); }
-  // -j NFQUEUE --queue-num 5
-  Tokens operator()(const QueueAction& a) const { return {"NFQUEUE", "--queue-num", Decimal(a.queue)}; }
-  // -j MARK --set-xmark 0x10/0x10
-  Tokens operator()(const MarkAction& a) const {
-    return {"MARK", "--set-xmark", Hex(a.assignMark) + "/" + Hex(a.assignMark)};
-  }
-  // -j TPROXY --on-port 8080 --on-ip 127.0.0.1 --tproxy-mark 0x2/0x2
-  // IPv6 sockets bound to the IPv4 loopback see it as a mapped address.
-  Tokens operator()(const DivertAction& a) const {
-    const std::uint32_t mark = a.assignMark.value_or(0);
-    return {"TPROXY",
-            "--on-port",
-            Decimal(a.divertToPort),
-            "--on-ip",
-            family == IPAddressFamily::IPv4 ? "127.0.0.1" : "::ffff:127.0.0.1",
-            "--tproxy-mark",
-            Hex(mark) + "/" + Hex(mark)};
-  }
-  // -j MASQUERADE
-  Tokens operator()(const NatAction& a) const { return {a.action != 0 ? "MASQUERADE" : "ACCEPT"}; }
-  // -j CONNMARK --set-xmark 0x1/0xff
-  Tokens operator()(const ConnmarkAction& a) const {
-    return {"CONNMARK", "--set-xmark", Hex(a.assignCtmark) + "/" + Hex(a.assignCtmask)};
-  }
-  // -j CONNMARK --save-mark --nfmask 0xff --ctmask 0xff
-  Tokens operator()(const ConnmarkSaveAction& a) const {
-    return {"CONNMARK", "--save-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
-  }
-  // -j CONNMARK --restore-mark --nfmask 0xff --ctmask 0xff
-  Tokens operator()(const ConnmarkRestoreAction& a) const {
-    return {"CONNMARK", "--restore-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
-  }
-  Tokens operator()(const NflogAction& a) const {
-    return NflogTarget(a.nflogPrefix.value_or(""), a.nflogGroup, a.nflogThreshold);
-  }
-  Tokens operator()(const IsolationAction& a) const { return VerdictTarget(a.action); }
-  Tokens operator()(const BypassAction&) const { return {"RETURN"}; }
-};
+// Only a divert depends on the family.
+Tokens ActionTarget(const RuleAction& action, IPAddressFamily::Type family) {
+  return std::visit(
+      [family](const auto& a) {
+        if constexpr (std::is_same_v<std::decay_t<decltype(a)>, DivertAction>) {
+          return TargetTokens(a, family);
+        } else {
+          return TargetTokens(a);
+        }
+      },
+      action);
+}
 
 template <std::size_t... Index>
 RuleAction MakeActionOf(std::size_t kindIndex, std::index_sequence<Index...>) {
@@ -406,7 +418,7 @@ std::string DescriptionText(const RuleDescription& description) {
   // Incoming is the common case and goes unmentioned.
   const char* side = description.side == Side::Outgoing ? " side outgoing" : "";
   return KindWord(description.action.index()) + std::string(" ") + ConditionsText(description) +
-         std::visit(ActionFieldsText{}, description.action) + side;
+         ActionFieldsText(description.action) + side;
 }
 
 std::ostream& operator<<(std::ostream& out, const RuleDescription& description) {
@@ -418,7 +430,7 @@ std::optional<Rule> TranslateDescription(const RuleDescription& description, IPA
   if (!BelongsTo(description.remote, family) || !BelongsTo(description.local, family)) return std::nullopt;
   Rule rule;
   rule.match = SplitTokens(MatchText(description, side));
-  rule.target = std::visit(ActionTarget{family}, description.action);
+  rule.target = ActionTarget(description.action, family);
   return rule;
 }
 
