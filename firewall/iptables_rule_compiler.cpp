@@ -327,10 +327,11 @@ struct Coverage {
   bool outgoingPacket = false;
 };
 
-class FamilyCompiler {
+// One compilation: the settings for one family, into the two lists.
+class IptablesRuleCompiler {
  public:
-  FamilyCompiler(const FirewallSettings& settings, types::IPAddressFamily::Type family, bool suitableConntrack,
-                 const tracing::Tracer& tracer, const EarlierCompilation* earlier)
+  IptablesRuleCompiler(const FirewallSettings& settings, types::IPAddressFamily::Type family, bool suitableConntrack,
+                       const tracing::Tracer& tracer, const EarlierCompilation* earlier)
       : m_settings(settings),
         m_earlier(earlier && SameZones(settings, earlier->settings) ? earlier : nullptr),
         m_version(IpVersionOf(family)),
@@ -546,23 +547,7 @@ class FamilyCompiler {
   Coverage m_covered;
 };
 
-std::string CompileErrorText(std::size_t ruleIndex, const std::string& ruleName, const std::string& field,
-                             const std::string& value, const std::string& reason) {
-  std::string text;
-  if (ruleIndex != RuleCompileError::npos) text = "packet rule " + std::to_string(ruleIndex) + " (" + ruleName + "), ";
-  return text + field + " '" + value + "': " + reason;
-}
-
 }  // namespace
-
-RuleCompileError::RuleCompileError(std::size_t ruleIndex, std::string ruleName, std::string field, std::string value,
-                                   std::string reason)
-    : oro::Exception(oro::errInvalidArgument, CompileErrorText(ruleIndex, ruleName, field, value, reason)),
-      m_ruleIndex(ruleIndex),
-      m_ruleName(std::move(ruleName)),
-      m_field(std::move(field)),
-      m_value(std::move(value)),
-      m_reason(std::move(reason)) {}
 
 IpVersion IpVersionOf(types::IPAddressFamily::Type family) noexcept {
   return family == types::IPAddressFamily::IPv6 ? IpVersion::V6 : IpVersion::V4;
@@ -578,7 +563,7 @@ Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold) {
 
 CompiledRules CompileRules(const settings::FirewallSettings& settings, types::IPAddressFamily::Type family,
                            bool suitableConntrack, const tracing::Tracer& tracer, const EarlierCompilation* earlier) {
-  return FamilyCompiler(settings, family, suitableConntrack, tracer, earlier).Compile();
+  return IptablesRuleCompiler(settings, family, suitableConntrack, tracer, earlier).Compile();
 }
 
 }  // namespace qel::firewall
