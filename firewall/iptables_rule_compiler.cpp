@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "firewall/rule_description.h"
+#include "qel_common/port_range.h"
 #include "qel_common/string_conv.h"
 
 namespace qel::firewall {

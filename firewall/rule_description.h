@@ -15,6 +15,7 @@
 #include "firewall/firewall_settings.h"
 #include "firewall/rule_model.h"
 #include "qel_common/ip_address.h"
+#include "qel_common/port_range.h"
 
 namespace qel::firewall {
 
