@@ -28,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include "firewall/chain_layout.h"
 #include "firewall/firewall_service.h"
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
@@ -39,6 +40,7 @@
 
 namespace {
 
+using qel::firewall::ChainLayout;
 using qel::firewall::FirewallService;
 using qel::firewall::IptablesFirewall;
 using qel::firewall::IptablesInfoProvider;
@@ -327,14 +329,13 @@ const char* const kEmptyFilter =
 // module never sets policies, so the built-in chains' declarations (which
 // would) and the comments go.
 std::string InstallScript(const std::string& dump) {
-  static const std::string kBuiltIn[] = {"INPUT", "FORWARD", "OUTPUT", "PREROUTING", "POSTROUTING"};
   std::string script;
   std::istringstream lines(dump);
   for (std::string line; std::getline(lines, line);) {
     if (line.empty() || line[0] == '#') continue;
     if (line[0] == ':') {
       const std::string chain = line.substr(1, line.find(' ') - 1);
-      if (std::find(std::begin(kBuiltIn), std::end(kBuiltIn), chain) != std::end(kBuiltIn)) continue;
+      if (ChainLayout::IsBuiltinChain(chain)) continue;
     }
     script += line + "\n";
   }

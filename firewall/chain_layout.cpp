@@ -11,15 +11,16 @@ using types::IPAddressFamily;
 
 constexpr std::string_view kPreIsolation = "vorn_pre_isolation";
 constexpr std::string_view kPostIsolation = "vorn_post_isolation";
-constexpr std::string_view kPrerouting = "vorn_prerouting";
-constexpr std::string_view kInput = "vorn_input";
-constexpr std::string_view kForward = "vorn_forward";
-constexpr std::string_view kOutput = "vorn_output";
-constexpr std::string_view kPostrouting = "vorn_postrouting";
+constexpr std::string_view kModulePrerouting = "vorn_prerouting";
+constexpr std::string_view kModuleInput = "vorn_input";
+constexpr std::string_view kModuleForward = "vorn_forward";
+constexpr std::string_view kModuleOutput = "vorn_output";
+constexpr std::string_view kModulePostrouting = "vorn_postrouting";
 constexpr std::string_view kBypass = "vorn_bypass";
 
-constexpr std::array<std::string_view, 8> kModuleChains = {kPreIsolation, kPostIsolation, kPrerouting, kInput,
-                                                           kForward,      kOutput,        kPostrouting, kBypass};
+constexpr std::array<std::string_view, 8> kModuleChains = {kPreIsolation,      kPostIsolation, kModulePrerouting,
+                                                           kModuleInput,       kModuleForward, kModuleOutput,
+                                                           kModulePostrouting, kBypass};
 
 // Which table and which part of a chain a dynamic rule goes to, by kind.
 enum class Placement { Bypass, Isolation, Filter, Mangle, Nat };
@@ -73,23 +74,17 @@ void Append(std::vector<Rule>& to, std::vector<Rule> rules) {
   to.insert(to.end(), std::make_move_iterator(rules.begin()), std::make_move_iterator(rules.end()));
 }
 
-class StateBuilder {
- public:
-  // A chain with rules, reached from `builtin` by one jump at its head.
-  void AddReached(std::string_view builtin, std::string_view chain, std::vector<Rule> rules) {
-    if (rules.empty()) return;
-    m_state.chainList.push_back(Chain{std::string(builtin), {Jump(chain)}});
-    m_state.chainList.push_back(Chain{std::string(chain), std::move(rules)});
-  }
-  // A chain with rules, reached from one of the module's own chains.
-  void AddInner(std::string_view chain, std::vector<Rule> rules) {
-    if (!rules.empty()) m_state.chainList.push_back(Chain{std::string(chain), std::move(rules)});
-  }
-  State Take() { return std::move(m_state); }
+// A chain with rules, reached from `builtin` by one jump at its head.
+void AddReached(State& state, std::string_view builtin, std::string_view chain, std::vector<Rule> rules) {
+  if (rules.empty()) return;
+  state.chainList.push_back(Chain{std::string(builtin), {Jump(chain)}});
+  state.chainList.push_back(Chain{std::string(chain), std::move(rules)});
+}
 
- private:
-  State m_state;
-};
+// A chain with rules, reached from one of the module's own chains.
+void AddInner(State& state, std::string_view chain, std::vector<Rule> rules) {
+  if (!rules.empty()) state.chainList.push_back(Chain{std::string(chain), std::move(rules)});
+}
 
 // Isolation cuts the host off: loopback stays, the isolation rules let
 // their exceptions through, everything else is dropped.
@@ -119,30 +114,32 @@ State FilterState(IPAddressFamily::Type family, const CompiledRules* compiled, c
                                      Side::Incoming);
   auto postIsolation = IsolationChain(DynamicRules(dynamic, family, Placement::Isolation, Side::Outgoing),
                                       Side::Outgoing);
-  StateBuilder state;
-  state.AddReached("INPUT", kInput,
-                   FilterChain(family, dynamic, Side::Incoming, !preIsolation.empty(),
-                               compiled ? &compiled->incoming : nullptr));
-  state.AddReached("OUTPUT", kOutput,
-                   FilterChain(family, dynamic, Side::Outgoing, !postIsolation.empty(),
-                               compiled ? &compiled->outgoing : nullptr));
-  state.AddInner(kPreIsolation, std::move(preIsolation));
-  state.AddInner(kPostIsolation, std::move(postIsolation));
-  return state.Take();
+  State state;
+  AddReached(
+      state, kInputChain, kModuleInput,
+      FilterChain(family, dynamic, Side::Incoming, !preIsolation.empty(), compiled ? &compiled->incoming : nullptr));
+  AddReached(
+      state, kOutputChain, kModuleOutput,
+      FilterChain(family, dynamic, Side::Outgoing, !postIsolation.empty(), compiled ? &compiled->outgoing : nullptr));
+  AddInner(state, kPreIsolation, std::move(preIsolation));
+  AddInner(state, kPostIsolation, std::move(postIsolation));
+  return state;
 }
 
 State MangleState(IPAddressFamily::Type family, const std::vector<TaggedRule>& dynamic) {
-  StateBuilder state;
-  state.AddReached("PREROUTING", kPrerouting, DynamicRules(dynamic, family, Placement::Mangle, Side::Incoming));
-  state.AddReached("OUTPUT", kOutput, DynamicRules(dynamic, family, Placement::Mangle, Side::Outgoing));
-  return state.Take();
+  State state;
+  AddReached(state, kPreroutingChain, kModulePrerouting,
+             DynamicRules(dynamic, family, Placement::Mangle, Side::Incoming));
+  AddReached(state, kOutputChain, kModuleOutput, DynamicRules(dynamic, family, Placement::Mangle, Side::Outgoing));
+  return state;
 }
 
 State NatState(IPAddressFamily::Type family, const std::vector<TaggedRule>& dynamic) {
-  StateBuilder state;
-  state.AddReached("PREROUTING", kPrerouting, DynamicRules(dynamic, family, Placement::Nat, Side::Incoming));
-  state.AddReached("POSTROUTING", kPostrouting, DynamicRules(dynamic, family, Placement::Nat, Side::Outgoing));
-  return state.Take();
+  State state;
+  AddReached(state, kPreroutingChain, kModulePrerouting, DynamicRules(dynamic, family, Placement::Nat, Side::Incoming));
+  AddReached(state, kPostroutingChain, kModulePostrouting,
+             DynamicRules(dynamic, family, Placement::Nat, Side::Outgoing));
+  return state;
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "firewall/chain_layout.h"
+
 namespace qel::firewall {
 namespace {
 
@@ -23,11 +25,6 @@ constexpr std::string_view kGotoWord = "-g ";
 // letters is split again.
 constexpr std::string_view kGluedReply = "REPLY-";
 constexpr std::string_view kGluedOptionLetters = "mj";
-
-// The policy rule of these chains must stay last, as the kernel applies it
-// after every rule.
-constexpr std::array<std::string_view, 5> kBuiltInChains = {"PREROUTING", "INPUT", "FORWARD", "OUTPUT",
-                                                            "POSTROUTING"};
 
 // Log readers filter on this exact prefix.
 constexpr std::string_view kParseLineSignature =
@@ -82,10 +79,6 @@ std::string_view TakeLine(std::string_view& text) {
   const std::string_view line = text.substr(0, end);
   text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   return line;
-}
-
-bool IsBuiltInChain(std::string_view name) {
-  return std::find(kBuiltInChains.begin(), kBuiltInChains.end(), name) != kBuiltInChains.end();
 }
 
 oro::result_t Malformed(oro::ITracer* tracer, std::string_view line) {
@@ -179,9 +172,11 @@ Rule MakePolicyRule(std::string_view policy) {
   return rule;
 }
 
+// The policy rule of a built-in chain must stay last, as the kernel applies
+// it after every rule.
 void AddRule(Chain& chain, Rule rule) {
   auto& rules = chain.ruleList;
-  if (IsBuiltInChain(chain.name) && !rules.empty()) {
+  if (ChainLayout::IsBuiltinChain(chain.name) && !rules.empty()) {
     rules.insert(rules.end() - 1, std::move(rule));
   } else {
     rules.push_back(std::move(rule));

@@ -7,7 +7,8 @@
 #include <optional>
 #include <stdexcept>
 
-#include "qel_common/ip_address.h"
+#include "firewall/rule_description.h"
+#include "qel_common/port_range.h"
 #include "qel_common/string_conv.h"
 
 namespace qel::firewall {
@@ -23,8 +24,6 @@ using tools::IpVersion;
 using tools::PortRange;
 
 constexpr char kAny[] = "Any";
-
-enum class Side { Incoming, Outgoing };
 
 // A packet rule's fields in the 8-bit form that rule text is written in.
 struct RuleFields {
@@ -329,13 +328,14 @@ struct Coverage {
   bool outgoingPacket = false;
 };
 
-class FamilyCompiler {
+// One compilation: the settings for one family, into the two lists.
+class IptablesRuleCompiler {
  public:
-  FamilyCompiler(const FirewallSettings& settings, types::IPAddressFamily::Type family, bool suitableConntrack,
-                 const tracing::Tracer& tracer, const EarlierCompilation* earlier)
+  IptablesRuleCompiler(const FirewallSettings& settings, types::IPAddressFamily::Type family, bool suitableConntrack,
+                       const tracing::Tracer& tracer, const EarlierCompilation* earlier)
       : m_settings(settings),
         m_earlier(earlier && SameZones(settings, earlier->settings) ? earlier : nullptr),
-        m_version(family == types::IPAddressFamily::IPv6 ? IpVersion::V6 : IpVersion::V4),
+        m_version(IpVersionOf(family)),
         // An unreliable direction test in the kernel sees every connection
         // from the other end, so the words trade places.
         m_forward(suitableConntrack ? "ORIGINAL" : "REPLY"),
@@ -548,23 +548,11 @@ class FamilyCompiler {
   Coverage m_covered;
 };
 
-std::string CompileErrorText(std::size_t ruleIndex, const std::string& ruleName, const std::string& field,
-                             const std::string& value, const std::string& reason) {
-  std::string text;
-  if (ruleIndex != RuleCompileError::npos) text = "packet rule " + std::to_string(ruleIndex) + " (" + ruleName + "), ";
-  return text + field + " '" + value + "': " + reason;
-}
-
 }  // namespace
 
-RuleCompileError::RuleCompileError(std::size_t ruleIndex, std::string ruleName, std::string field, std::string value,
-                                   std::string reason)
-    : oro::Exception(oro::errInvalidArgument, CompileErrorText(ruleIndex, ruleName, field, value, reason)),
-      m_ruleIndex(ruleIndex),
-      m_ruleName(std::move(ruleName)),
-      m_field(std::move(field)),
-      m_value(std::move(value)),
-      m_reason(std::move(reason)) {}
+IpVersion IpVersionOf(types::IPAddressFamily::Type family) noexcept {
+  return family == types::IPAddressFamily::IPv6 ? IpVersion::V6 : IpVersion::V4;
+}
 
 Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold) {
   std::vector<std::string> target{"NFLOG"};
@@ -576,7 +564,7 @@ Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold) {
 
 CompiledRules CompileRules(const settings::FirewallSettings& settings, types::IPAddressFamily::Type family,
                            bool suitableConntrack, const tracing::Tracer& tracer, const EarlierCompilation* earlier) {
-  return FamilyCompiler(settings, family, suitableConntrack, tracer, earlier).Compile();
+  return IptablesRuleCompiler(settings, family, suitableConntrack, tracer, earlier).Compile();
 }
 
 }  // namespace qel::firewall

@@ -7,8 +7,9 @@
 #include <vector>
 
 #include "firewall/firewall_settings.h"
+#include "firewall/rule_compile_error.h"
 #include "firewall/rule_model.h"
-#include "oro/exception.h"
+#include "qel_common/ip_address.h"
 #include "qel_tracing/tracer.h"
 
 namespace qel::firewall {
@@ -30,28 +31,8 @@ struct EarlierCompilation {
   const CompiledRules& rules;
 };
 
-// A packet rule (or a zone list) that cannot be compiled. what() reads e.g.
-// "packet rule 2 (ssh), remoteAddress '10.0.0.300': Invalid format of ip address".
-class RuleCompileError : public oro::Exception {
- public:
-  // ruleIndex is npos for errors in a zone list.
-  static constexpr std::size_t npos = static_cast<std::size_t>(-1);
-  RuleCompileError(std::size_t ruleIndex, std::string ruleName, std::string field, std::string value,
-                   std::string reason);
-
-  std::size_t RuleIndex() const noexcept { return m_ruleIndex; }
-  const std::string& RuleName() const noexcept { return m_ruleName; }
-  const std::string& Field() const noexcept { return m_field; }
-  const std::string& Value() const noexcept { return m_value; }
-  const std::string& Reason() const noexcept { return m_reason; }
-
- private:
-  std::size_t m_ruleIndex;
-  std::string m_ruleName;
-  std::string m_field;
-  std::string m_value;
-  std::string m_reason;
-};
+// The IP version whose rules a settings family holds.
+tools::IpVersion IpVersionOf(types::IPAddressFamily::Type family) noexcept;
 
 // The NFLOG target: "NFLOG", then "--nflog-prefix" and the prefix when it is
 // not empty, "--nflog-group" and the group when it is not 0, and

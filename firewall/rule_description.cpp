@@ -1,10 +1,9 @@
 #include "firewall/rule_description.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <charconv>
 #include <ostream>
+#include <type_traits>
 #include <utility>
 
 #include "firewall/iptables_rule_compiler.h"
@@ -30,11 +29,6 @@ std::string Hex(std::uint32_t value) {
 }
 
 std::string Decimal(std::uint32_t value) { return std::to_string(value); }
-
-std::string PortRangeText(const PortRange& ports) {
-  if (ports.first == ports.last) return Decimal(ports.first);
-  return Decimal(ports.first) + ":" + Decimal(ports.last);
-}
 
 std::string MaskedText(const MarkMatch& mark) { return Hex(mark.value) + "/" + Hex(mark.mask.value_or(mark.value)); }
 
@@ -95,9 +89,19 @@ std::string TcpFlagSetText(std::uint8_t flags) {
   return text.empty() ? "NONE" : text;
 }
 
+// The kernel keeps only the network part of an address, and the listing
+// prints it that way: 10.1.2.3/8 comes back as 10.0.0.0/8. Writing it so
+// keeps the module's rules recognisable.
+tools::IpNetwork NetworkPart(const tools::IpNetwork& network) {
+  return {tools::MaskHostBits(network.address, network.prefixLength), network.prefixLength};
+}
+
+// "10.0.0.0/8", "fe80::/10".
+std::string NetworkText(const tools::IpNetwork& network) { return NetworkPart(network).ToString(); }
+
 // --- Printed form ------------------------------------------------------------
 
-std::string OptionalNetworkText(const std::optional<Network>& network) {
+std::string OptionalNetworkText(const std::optional<tools::IpNetwork>& network) {
   return network ? NetworkText(*network) : "any";
 }
 
@@ -122,8 +126,8 @@ std::string ConditionsText(const RuleDescription& d) {
   std::string text = " proto " + OptionalProtocolText(d.protocol) + " remote " + OptionalNetworkText(d.remote) +
                      " local " + OptionalNetworkText(d.local);
   if (d.iface) text += (d.iface->negated ? " ! iface " : " iface ") + d.iface->name;
-  if (d.remotePorts) text += " remotePorts " + PortRangeText(*d.remotePorts);
-  if (d.localPorts) text += " localPorts " + PortRangeText(*d.localPorts);
+  if (d.remotePorts) text += " remotePorts " + d.remotePorts->ToString();
+  if (d.localPorts) text += " localPorts " + d.localPorts->ToString();
   if (d.classid) text += " classid " + Hex(*d.classid);
   text += MarkText(" mark ", d.mark, "/");
   text += MarkText(" ! mark ", d.excludeMark, "/");
@@ -142,66 +146,56 @@ std::string ConditionsText(const RuleDescription& d) {
   return text;
 }
 
-struct ActionFieldsText {
-  std::string operator()(const RawAction& a) const {
-    std::string text = " target " + a.target + " --";
-    for (const auto argument : a.arguments) text.append(" ").append(argument);
-    return text;
-  }
-  std::string operator()(const AccessAction& a) const { return " action " + Decimal(a.action); }
-  std::string operator()(const QueueAction& a) const { return " queue " + Decimal(a.queue); }
-  std::string operator()(const MarkAction& a) const { return " assignMark " + Hex(a.assignMark); }
-  std::string operator()(const DivertAction& a) const {
-    std::string text = " divertToPort " + Decimal(a.divertToPort);
-    if (a.assignMark) text += " assignMark " + Hex(*a.assignMark);
-    return text;
-  }
-  std::string operator()(const NatAction& a) const { return " action " + Decimal(a.action); }
-  std::string operator()(const ConnmarkAction& a) const {
-    return " assignCtmark " + Hex(a.assignCtmark) + " assignCtmask " + Hex(a.assignCtmask);
-  }
-  std::string operator()(const ConnmarkSaveAction& a) const {
-    return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask);
-  }
-  std::string operator()(const ConnmarkRestoreAction& a) const {
-    return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask);
-  }
-  std::string operator()(const NflogAction& a) const {
-    std::string text = " nflogGroup " + Decimal(a.nflogGroup);
-    if (a.nflogPrefix) text += " nflogPrefix " + *a.nflogPrefix;
-    return text + " nflogThreshold " + Decimal(a.nflogThreshold);
-  }
-  std::string operator()(const IsolationAction& a) const { return " action " + Decimal(a.action); }
-  std::string operator()(const BypassAction&) const { return ""; }
-};
+// The fields of each kind of action, after the conditions.
+std::string FieldsText(const RawAction& a) {
+  std::string text = " target " + a.target + " --";
+  for (const auto argument : a.arguments) text.append(" ").append(argument);
+  return text;
+}
+std::string FieldsText(const AccessAction& a) { return " action " + Decimal(a.action); }
+std::string FieldsText(const QueueAction& a) { return " queue " + Decimal(a.queue); }
+std::string FieldsText(const MarkAction& a) { return " assignMark " + Hex(a.assignMark); }
+std::string FieldsText(const DivertAction& a) {
+  std::string text = " divertToPort " + Decimal(a.divertToPort);
+  if (a.assignMark) text += " assignMark " + Hex(*a.assignMark);
+  return text;
+}
+std::string FieldsText(const NatAction& a) { return " action " + Decimal(a.action); }
+std::string FieldsText(const ConnmarkAction& a) {
+  return " assignCtmark " + Hex(a.assignCtmark) + " assignCtmask " + Hex(a.assignCtmask);
+}
+std::string FieldsText(const ConnmarkSaveAction& a) { return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask); }
+std::string FieldsText(const ConnmarkRestoreAction& a) {
+  return " nfMask " + Hex(a.nfMask) + " ctMask " + Hex(a.ctMask);
+}
+std::string FieldsText(const NflogAction& a) {
+  std::string text = " nflogGroup " + Decimal(a.nflogGroup);
+  if (a.nflogPrefix) text += " nflogPrefix " + *a.nflogPrefix;
+  return text + " nflogThreshold " + Decimal(a.nflogThreshold);
+}
+std::string FieldsText(const IsolationAction& a) { return " action " + Decimal(a.action); }
+std::string FieldsText(const BypassAction&) { return ""; }
+
+std::string ActionFieldsText(const RuleAction& action) {
+  return std::visit([](const auto& a) { return FieldsText(a); }, action);
+}
 
 // --- Match tokens ------------------------------------------------------------
 
-// The kernel keeps only the network part of an address, and the listing
-// prints it that way: 10.1.2.3/8 comes back as 10.0.0.0/8. Writing it so
-// keeps the module's rules recognisable.
-std::array<std::uint8_t, 16> NetworkPart(const Network& network) {
-  std::array<std::uint8_t, 16> address = network.address;
-  const unsigned bits = network.family == IPAddressFamily::IPv4 ? 32 : 128;
-  const unsigned prefix = std::min<unsigned>(network.prefixLength, bits);
-  for (unsigned bit = prefix; bit < bits; ++bit) address[bit / 8] &= static_cast<std::uint8_t>(~(0x80u >> (bit % 8)));
-  return address;
-}
-
 // Also true for any address with prefix 0: that matches everything, and the
 // listing leaves it out.
-bool IsAllZero(const Network& network) {
-  const std::size_t size = network.family == IPAddressFamily::IPv4 ? 4 : 16;
-  const auto address = NetworkPart(network);
-  return std::all_of(address.begin(), address.begin() + size, [](std::uint8_t b) { return b == 0; });
+bool IsAllZero(const tools::IpNetwork& network) {
+  const tools::IpAddress address = NetworkPart(network).address;
+  return std::all_of(address.bytes.begin(), address.bytes.begin() + address.Size(),
+                     [](std::uint8_t b) { return b == 0; });
 }
 
-bool BelongsTo(const std::optional<Network>& network, IPAddressFamily::Type family) {
-  return !network || network->family == family;
+bool BelongsTo(const std::optional<tools::IpNetwork>& network, IPAddressFamily::Type family) {
+  return !network || network->address.version == IpVersionOf(family);
 }
 
 // -s 10.0.0.0/8
-std::string NetworkFragment(const char* option, const std::optional<Network>& network) {
+std::string NetworkFragment(const char* option, const std::optional<tools::IpNetwork>& network) {
   if (!network || IsAllZero(*network)) return "";
   return option + NetworkText(*network);
 }
@@ -220,8 +214,8 @@ std::string ProtocolFragment(const std::optional<std::uint8_t>& protocol) {
 }
 
 // --sport 1000:2000
-std::string PortFragment(const char* option, const std::optional<PortRange>& ports) {
-  return ports ? option + PortRangeText(*ports) : "";
+std::string PortFragment(const char* option, const std::optional<tools::PortRange>& ports) {
+  return ports ? option + ports->ToString() : "";
 }
 
 // ! --tcp-flags FIN,SYN,RST,ACK SYN
@@ -304,50 +298,60 @@ Tokens VerdictTarget(std::uint32_t action) {
   }
 }
 
-struct ActionTarget {
-  IPAddressFamily::Type family;
+// The target tokens of each kind of action.
+// -j <target> <arguments>
+Tokens TargetTokens(const RawAction& a) { return Concat(SplitTokens(a.target), a.arguments); }
+Tokens TargetTokens(const AccessAction& a) { return VerdictTarget(a.action); }
+// -j NFQUEUE --queue-num 5
+Tokens TargetTokens(const QueueAction& a) { return {"NFQUEUE", "--queue-num", Decimal(a.queue)}; }
+// -j MARK --set-xmark 0x10/0x10
+Tokens TargetTokens(const MarkAction& a) {
+  return {"MARK", "--set-xmark", Hex(a.assignMark) + "/" + Hex(a.assignMark)};
+}
+// -j TPROXY --on-port 8080 --on-ip 127.0.0.1 --tproxy-mark 0x2/0x2
+// IPv6 sockets bound to the IPv4 loopback see it as a mapped address.
+Tokens TargetTokens(const DivertAction& a, IPAddressFamily::Type family) {
+  const std::uint32_t mark = a.assignMark.value_or(0);
+  return {"TPROXY",
+          "--on-port",
+          Decimal(a.divertToPort),
+          "--on-ip",
+          family == IPAddressFamily::IPv4 ? "127.0.0.1" : "::ffff:127.0.0.1",
+          "--tproxy-mark",
+          Hex(mark) + "/" + Hex(mark)};
+}
+// -j MASQUERADE
+Tokens TargetTokens(const NatAction& a) { return {a.action != 0 ? "MASQUERADE" : "ACCEPT"}; }
+// -j CONNMARK --set-xmark 0x1/0xff
+Tokens TargetTokens(const ConnmarkAction& a) {
+  return {"CONNMARK", "--set-xmark", Hex(a.assignCtmark) + "/" + Hex(a.assignCtmask)};
+}
+// -j CONNMARK --save-mark --nfmask 0xff --ctmask 0xff
+Tokens TargetTokens(const ConnmarkSaveAction& a) {
+  return {"CONNMARK", "--save-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
+}
+// -j CONNMARK --restore-mark --nfmask 0xff --ctmask 0xff
+Tokens TargetTokens(const ConnmarkRestoreAction& a) {
+  return {"CONNMARK", "--restore-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
+}
+Tokens TargetTokens(const NflogAction& a) {
+  return NflogTarget(a.nflogPrefix.value_or(""), a.nflogGroup, a.nflogThreshold);
+}
+Tokens TargetTokens(const IsolationAction& a) { return VerdictTarget(a.action); }
+Tokens TargetTokens(const BypassAction&) { return {"RETURN"}; }
 
-  // -j <target> <arguments>
-  Tokens operator()(const RawAction& a) const { return Concat(SplitTokens(a.target), a.arguments); }
-  Tokens operator()(const AccessAction& a) const { return VerdictTarget(a.action); }
-  // -j NFQUEUE --queue-num 5
-  Tokens operator()(const QueueAction& a) const { return {"NFQUEUE", "--queue-num", Decimal(a.queue)}; }
-  // -j MARK --set-xmark 0x10/0x10
-  Tokens operator()(const MarkAction& a) const {
-    return {"MARK", "--set-xmark", Hex(a.assignMark) + "/" + Hex(a.assignMark)};
-  }
-  // -j TPROXY --on-port 8080 --on-ip 127.0.0.1 --tproxy-mark 0x2/0x2
-  // IPv6 sockets bound to the IPv4 loopback see it as a mapped address.
-  Tokens operator()(const DivertAction& a) const {
-    const std::uint32_t mark = a.assignMark.value_or(0);
-    return {"TPROXY",
-            "--on-port",
-            Decimal(a.divertToPort),
-            "--on-ip",
-            family == IPAddressFamily::IPv4 ? "127.0.0.1" : "::ffff:127.0.0.1",
-            "--tproxy-mark",
-            Hex(mark) + "/" + Hex(mark)};
-  }
-  // -j MASQUERADE
-  Tokens operator()(const NatAction& a) const { return {a.action != 0 ? "MASQUERADE" : "ACCEPT"}; }
-  // -j CONNMARK --set-xmark 0x1/0xff
-  Tokens operator()(const ConnmarkAction& a) const {
-    return {"CONNMARK", "--set-xmark", Hex(a.assignCtmark) + "/" + Hex(a.assignCtmask)};
-  }
-  // -j CONNMARK --save-mark --nfmask 0xff --ctmask 0xff
-  Tokens operator()(const ConnmarkSaveAction& a) const {
-    return {"CONNMARK", "--save-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
-  }
-  // -j CONNMARK --restore-mark --nfmask 0xff --ctmask 0xff
-  Tokens operator()(const ConnmarkRestoreAction& a) const {
-    return {"CONNMARK", "--restore-mark", "--nfmask", Hex(a.nfMask), "--ctmask", Hex(a.ctMask)};
-  }
-  Tokens operator()(const NflogAction& a) const {
-    return NflogTarget(a.nflogPrefix.value_or(""), a.nflogGroup, a.nflogThreshold);
-  }
-  Tokens operator()(const IsolationAction& a) const { return VerdictTarget(a.action); }
-  Tokens operator()(const BypassAction&) const { return {"RETURN"}; }
-};
+// Only a divert depends on the family.
+Tokens ActionTarget(const RuleAction& action, IPAddressFamily::Type family) {
+  return std::visit(
+      [family](const auto& a) {
+        if constexpr (std::is_same_v<std::decay_t<decltype(a)>, DivertAction>) {
+          return TargetTokens(a, family);
+        } else {
+          return TargetTokens(a);
+        }
+      },
+      action);
+}
 
 template <std::size_t... Index>
 RuleAction MakeActionOf(std::size_t kindIndex, std::index_sequence<Index...>) {
@@ -366,14 +370,6 @@ const char* KindWord(std::size_t kindIndex) {
 
 RuleAction MakeAction(std::size_t kindIndex) {
   return MakeActionOf(kindIndex, std::make_index_sequence<kActionKindCount>());
-}
-
-std::string NetworkText(const Network& network) {
-  char text[INET6_ADDRSTRLEN] = {};
-  const int af = network.family == IPAddressFamily::IPv4 ? AF_INET : AF_INET6;
-  const auto address = NetworkPart(network);
-  inet_ntop(af, address.data(), text, sizeof(text));
-  return std::string(text) + "/" + Decimal(network.prefixLength);
 }
 
 namespace {
@@ -422,7 +418,7 @@ std::string DescriptionText(const RuleDescription& description) {
   // Incoming is the common case and goes unmentioned.
   const char* side = description.side == Side::Outgoing ? " side outgoing" : "";
   return KindWord(description.action.index()) + std::string(" ") + ConditionsText(description) +
-         std::visit(ActionFieldsText{}, description.action) + side;
+         ActionFieldsText(description.action) + side;
 }
 
 std::ostream& operator<<(std::ostream& out, const RuleDescription& description) {
@@ -434,7 +430,7 @@ std::optional<Rule> TranslateDescription(const RuleDescription& description, IPA
   if (!BelongsTo(description.remote, family) || !BelongsTo(description.local, family)) return std::nullopt;
   Rule rule;
   rule.match = SplitTokens(MatchText(description, side));
-  rule.target = std::visit(ActionTarget{family}, description.action);
+  rule.target = ActionTarget(description.action, family);
   return rule;
 }
 

@@ -4,7 +4,6 @@
 // rule tokens per address family and side; nobody else writes iptables text.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
@@ -15,29 +14,14 @@
 
 #include "firewall/firewall_settings.h"
 #include "firewall/rule_model.h"
+#include "qel_common/ip_address.h"
+#include "qel_common/port_range.h"
 
 namespace qel::firewall {
 
 // The side of the host a rule is placed on. Remote and local conditions turn
 // into source or destination depending on it.
 enum class Side { Incoming, Outgoing };
-
-// An IPv4 network keeps its address in the first 4 bytes.
-struct Network {
-  types::IPAddressFamily::Type family = types::IPAddressFamily::IPv4;
-  std::array<std::uint8_t, 16> address{};
-  std::uint8_t prefixLength = 0;
-
-  bool operator==(const Network&) const = default;
-};
-
-// Inclusive; a single port has first == last.
-struct PortRange {
-  std::uint16_t first = 0;
-  std::uint16_t last = 0;
-
-  bool operator==(const PortRange&) const = default;
-};
 
 struct InterfaceMatch {
   std::string name;
@@ -143,11 +127,12 @@ struct RuleDescription {
   // and which way round its addresses and ports are written.
   Side side = Side::Incoming;
   std::optional<std::uint8_t> protocol;  // IP protocol number, 0 = any
-  std::optional<Network> remote;
-  std::optional<Network> local;
+  // Written with their host bits cleared, as the listing prints them back.
+  std::optional<tools::IpNetwork> remote;
+  std::optional<tools::IpNetwork> local;
   std::optional<InterfaceMatch> iface;
-  std::optional<PortRange> remotePorts;  // TCP and UDP only
-  std::optional<PortRange> localPorts;   // TCP and UDP only
+  std::optional<tools::PortRange> remotePorts;  // TCP and UDP only
+  std::optional<tools::PortRange> localPorts;   // TCP and UDP only
   std::optional<std::uint32_t> classid;
   std::optional<MarkMatch> mark;
   std::optional<MarkMatch> excludeMark;
@@ -174,9 +159,6 @@ const char* KindWord(std::size_t kindIndex);
 // A default action of the given kind, for decoding a kind index; throws like
 // KindWord.
 RuleAction MakeAction(std::size_t kindIndex);
-
-// "10.0.0.0/8", "fe80::/10".
-std::string NetworkText(const Network& network);
 
 // Why the kernel would refuse the description, or could not give it back
 // as written; nullopt when it is fine. Checked before a rule is accepted,

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <boost/lexical_cast.hpp>
 
 namespace qel::tools {
 namespace {
@@ -15,7 +14,6 @@ constexpr char kPortNotEmpty[] = "port is not empty";
 constexpr char kInvalidRange[] = "invalid range address string";
 constexpr char kDifferentVersions[] = "different versions of ip addresses";
 constexpr char kRangeNotAscending[] = "The last address in the range is not greater than the first one";
-constexpr char kPortRangeDescending[] = "The last port in the range is less than the first one";
 
 bool ParseAs(int af, const std::string& text, IpAddress& out) {
   IpAddress parsed;
@@ -60,7 +58,9 @@ unsigned ParsePrefixLength(std::string_view text, unsigned fullLength) {
   return length;
 }
 
-IpAddress MaskHostBits(IpAddress address, unsigned prefixLength) {
+}  // namespace
+
+IpAddress MaskHostBits(IpAddress address, unsigned prefixLength) noexcept {
   for (std::size_t i = 0; i < address.Size(); ++i) {
     const unsigned bitsBefore = static_cast<unsigned>(i * 8);
     if (prefixLength >= bitsBefore + 8) continue;
@@ -69,25 +69,6 @@ IpAddress MaskHostBits(IpAddress address, unsigned prefixLength) {
   }
   return address;
 }
-
-std::string_view TrimBlanks(std::string_view text) {
-  const std::size_t begin = text.find_first_not_of(" \t");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
-}
-
-std::uint16_t ParsePort(std::string_view text) {
-  const std::string_view number = TrimBlanks(text);
-  try {
-    // The conversion alone would take "-1" for 65535 and accept "+80".
-    if (!IsDigits(number)) throw boost::bad_lexical_cast();
-    return boost::lexical_cast<std::uint16_t>(number.data(), number.size());
-  } catch (const boost::bad_lexical_cast& e) {
-    throw PortParseError(e.what());
-  }
-}
-
-}  // namespace
 
 // IPv4 by hand: the C library formats it through printf, and the compiler
 // writes one address for every rule of every compilation.
@@ -109,11 +90,6 @@ std::string IpAddress::ToString() const {
 std::string IpNetwork::ToString() const { return address.ToString() + "/" + std::to_string(prefixLength); }
 
 std::string IpRange::ToString() const { return first.ToString() + "-" + last.ToString(); }
-
-std::string PortRange::ToString() const {
-  if (first == last) return std::to_string(first);
-  return std::to_string(first) + ":" + std::to_string(last);
-}
 
 IpAddress ParseIpAddress(std::string_view text) {
   if (text.empty()) throw AddressParseError(kEmptyAddress);
@@ -159,17 +135,6 @@ AddressElement ParseAddressElement(std::string_view text) {
 IpVersion VersionOf(const AddressElement& element) noexcept {
   if (const auto* network = std::get_if<IpNetwork>(&element)) return network->address.version;
   return std::get<IpRange>(element).first.version;
-}
-
-PortRange ParsePortRange(std::string_view text) {
-  const std::size_t dash = text.find('-');
-  if (dash == std::string_view::npos) {
-    const std::uint16_t port = ParsePort(text);
-    return {port, port};
-  }
-  const PortRange range{ParsePort(text.substr(0, dash)), ParsePort(text.substr(dash + 1))};
-  if (range.last < range.first) throw PortParseError(kPortRangeDescending);
-  return range;
 }
 
 }  // namespace qel::tools

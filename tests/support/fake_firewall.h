@@ -80,7 +80,7 @@ class FakeInfoProvider final : public ObjectImpl<FakeInfoProvider, firewall::IIp
 inline firewall::RuleDescription AgentPort(std::uint16_t port) {
   firewall::RuleDescription d;
   d.protocol = 6;
-  d.localPorts = firewall::PortRange{port, port};
+  d.localPorts = tools::PortRange{port, port};
   d.action = firewall::AccessAction{0};
   return d;
 }

@@ -27,42 +27,6 @@ TEST(DiagnosticDump, TokensAndStateNestChainsAndRules) {
             R"("tag":"","ruleName":"","ruleItem":"","zoneName":""}]}]})");
 }
 
-// The restore script as the tool reads it: one line per change kind, an
-// unknown kind as an empty line.
-TEST(RuleModel, ChangesBecomeTheLinesOfOneRestoreScript) {
-  const ChangeList changes{{ChangeKind::CreateChain, "vorn_input", "", "", false, -1},
-                           {ChangeKind::SetPolicy, "INPUT", "", "DROP", false, -1},
-                           {ChangeKind::AddRule, "vorn_input", "-p tcp", "ACCEPT", false, 3},
-                           {ChangeKind::AddRule, "vorn_input", "", "vorn_bypass", true, -1},
-                           {ChangeKind::DeleteRule, "INPUT", "", "vorn_input", false, -1},
-                           {ChangeKind::FlushChain, "vorn_input", "", "", false, -1},
-                           {ChangeKind::DeleteChain, "vorn_input", "", "", false, -1},
-                           {static_cast<ChangeKind>(9), "x", "-p udp", "DROP", false, -1}};
-  EXPECT_EQ(RestoreScript("filter", changes),
-            "*filter\n:vorn_input - [0:0]\n-P INPUT DROP\n-I vorn_input 3 -p tcp -j ACCEPT\n"
-            "-A vorn_input -g vorn_bypass\n-D INPUT -j vorn_input\n-F vorn_input\n-X vorn_input\n\nCOMMIT\n");
-  EXPECT_EQ(ChangeLine(changes[2]), "-I vorn_input 3 -p tcp -j ACCEPT");
-}
-
-// Copies share their words; what compares is the words, however they came
-// to be.
-TEST(RuleModel, TokensCompareByTheirWordsAndSplitAtRunsOfBlanks) {
-  const Tokens split = SplitTokens("  -p tcp   --dport 22 ");
-  const Tokens listed{"-p", "tcp", "--dport", "22"};
-  EXPECT_EQ(split, listed);
-  EXPECT_EQ(Tokens(std::vector<std::string>{"-p", "tcp", "--dport", "22"}), split);
-  EXPECT_NE(split, (Tokens{"-p", "tcp", "--dport"}));
-  EXPECT_NE(split, (Tokens{"-p", "udp", "--dport", "22"}));
-  EXPECT_EQ(SplitTokens("   "), Tokens{});
-
-  const Tokens copy = split;
-  EXPECT_EQ(copy.begin(), split.begin());
-  const Tokens both = Concat(split, Tokens{"-j", "ACCEPT"});
-  EXPECT_EQ(JoinTokens(both), "-p tcp --dport 22 -j ACCEPT");
-  EXPECT_EQ(JoinTokens(split), "-p tcp --dport 22");
-  EXPECT_EQ(Concat(Tokens{}, split), split);
-}
-
 TEST(DiagnosticDump, SettingsCharacterForCharacter) {
   using namespace settings;
   const PacketRule ssh{.name = u"ssh \u00e9", .action = PacketRuleAction::Block,

@@ -1,6 +1,5 @@
 #include "firewall/rule_description.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "oro/exception.h"
@@ -11,16 +10,14 @@
 namespace qel::firewall {
 namespace {
 
+using tools::PortRange;
+
 constexpr auto kV4 = types::IPAddressFamily::IPv4;
 constexpr auto kV6 = types::IPAddressFamily::IPv6;
 
-Network Net(const char* address, std::uint8_t prefixLength) {
-  Network network;
-  network.prefixLength = prefixLength;
-  if (inet_pton(AF_INET, address, network.address.data()) == 1) return network;
-  network.family = kV6;
-  EXPECT_EQ(inet_pton(AF_INET6, address, network.address.data()), 1) << address;
-  return network;
+// Host bits stay as given: the translation has to clear them itself.
+tools::IpNetwork Net(const char* address, unsigned prefixLength) {
+  return {tools::ParseIpAddress(address), prefixLength};
 }
 
 const RuleDescription kTcpLocalPort22{.protocol = 6, .localPorts = PortRange{22, 22}, .action = AccessAction{}};
