@@ -3,8 +3,10 @@
 #
 #   make deps      install missing Debian packages (native)
 #   make build     configure + build the native RelWithDebInfo tree (build/default)
-#   make test      build, run every test, check the exports, then build the
-#                  unit and blackbox tests with ASan+UBSan and run them
+#   make test      build, run every test, check the exports, then build and
+#                  run the unit, spawning and blackbox tests with ASan+UBSan,
+#                  the service's and spawning tests with TSan, then fuzz
+#   make test-asan / test-tsan   only one of the sanitizer runs
 #   make demo      build, then run the module live in throwaway namespaces
 #   make bench     measure the module against the bare iptables tools
 #   make aarch64   cross build for AArch64, check the library's architecture,
@@ -22,10 +24,10 @@ CTEST ?= ctest
 CTEST_ARGS ?=
 FUZZ_SECONDS ?= 60
 
-BUILD_DIRS := build/default build/asan build/aarch64 build/fuzz build/bench
+BUILD_DIRS := build/default build/asan build/tsan build/aarch64 build/fuzz build/bench
 BENCH_ARGS ?=
 
-.PHONY: all deps deps-aarch64 build build-asan test test-default test-asan \
+.PHONY: all deps deps-aarch64 build build-asan build-tsan test test-default test-asan test-tsan \
         check-exports demo bench aarch64 build-aarch64 test-aarch64 check-arch-aarch64 clean
 
 all: build
@@ -55,16 +57,29 @@ build-asan: deps
 test-asan: build-asan
 	$(CTEST) --preset asan $(CTEST_ARGS)
 
-# Order matters for the log: the sanitizer run's ctest summary closes it.
+build-tsan: deps
+	$(CMAKE) --preset tsan
+	$(CMAKE) --build --preset tsan -j $(JOBS)
+
+test-tsan: build-tsan
+	$(CTEST) --preset tsan $(CTEST_ARGS)
+
+# Each step stops the run when it fails, so the last ctest summary in the
+# log is that of the run that failed, or of the TSan run when all passed.
+# The runs go from the broadest to the narrowest.
 test: build
 	@echo "=== exported symbols ==="
 	bash scripts/check-exports.sh build/default/libfirewall.so
 	@echo "=== all tests (build/default) ==="
 	$(CTEST) --preset default $(CTEST_ARGS)
-	@echo "=== unit + blackbox tests with ASan+UBSan (build/asan) ==="
+	@echo "=== unit, spawning + blackbox tests with ASan+UBSan (build/asan) ==="
 	$(CMAKE) --preset asan
 	$(CMAKE) --build --preset asan -j $(JOBS)
 	$(CTEST) --preset asan $(CTEST_ARGS)
+	@echo "=== service + spawning tests with TSan (build/tsan) ==="
+	$(CMAKE) --preset tsan
+	$(CMAKE) --build --preset tsan -j $(JOBS)
+	$(CTEST) --preset tsan $(CTEST_ARGS)
 	@echo "=== fuzzing the listing parser for $(FUZZ_SECONDS) s (build/fuzz) ==="
 	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/run-fuzz.sh
 

@@ -15,7 +15,6 @@
 #include <chrono>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <span>
 #include <sstream>
@@ -132,7 +131,18 @@ struct ChildPlan {
   std::array<int, 3> standardSources;  // the child's pipe ends; -1: /dev/null
 };
 
-// --- The child, between fork and exec: async-signal-safe calls only. --------
+// --- The child, between fork and exec: raw system calls only. -----------------
+//
+// A function of the C library may be interposed by another library in the
+// host's process (a sanitizer's runtime, a preloaded tool) whose wrapper takes
+// locks; another thread of the parent may have held one at the clone, and the
+// child would wait for it for ever. The kernel's own calls are the same on
+// x86-64 and AArch64, which has no open or dup2.
+
+[[noreturn]] void ExitChild(int status) noexcept {
+  ::syscall(SYS_exit_group, status);
+  __builtin_unreachable();
+}
 
 // The parent's handlers must not run in the child, and a signal the parent
 // ignores would stay ignored across exec (a tool with SIGPIPE ignored writes
@@ -156,20 +166,19 @@ bool ResetSignals() noexcept {
     if (signal == SIGKILL || signal == SIGSTOP) continue;
     ::syscall(SYS_rt_sigaction, signal, &defaultAction, nullptr, sizeof defaultAction.mask);
   }
-  sigset_t none;
-  ::sigemptyset(&none);
-  return ::sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
+  const std::uint64_t none = 0;
+  return ::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &none, nullptr, sizeof none) == 0;
 }
 
 // With a standard descriptor closed in the parent, a source may itself sit at
-// 0-2, where an earlier dup2 would overwrite it; moved above 2 first, the
-// three redirections cannot disturb each other.
+// 0-2, where an earlier redirection would overwrite it; moved above 2 first,
+// the three redirections cannot disturb each other.
 int AboveStandardDescriptors(int fd) noexcept {
-  return fd > STDERR_FILENO ? fd : ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  return fd > STDERR_FILENO ? fd : static_cast<int>(::syscall(SYS_fcntl, fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
 int OpenDevNull() noexcept {
-  const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  const int fd = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, "/dev/null", O_RDWR | O_CLOEXEC));
   return fd < 0 ? fd : AboveStandardDescriptors(fd);
 }
 
@@ -184,71 +193,84 @@ bool RedirectStandardDescriptors(std::array<int, 3> sources) noexcept {
     }
     if (source < 0) return false;
   }
+  // dup3, unlike dup2, refuses a descriptor onto itself; every source is
+  // above 2 by now.
   for (int target = STDIN_FILENO; target <= STDERR_FILENO; ++target) {
-    if (::dup2(sources[target], target) < 0) return false;
+    if (::syscall(SYS_dup3, sources[target], target, 0) < 0) return false;
   }
   return true;
+}
+
+// The descriptor an entry of /proc/self/fd names; -1 for "." and "..".
+int DescriptorNamed(const char* name) noexcept {
+  if (*name == '\0') return -1;
+  int fd = 0;
+  for (; *name >= '0' && *name <= '9'; ++name) fd = fd * 10 + (*name - '0');
+  return *name == '\0' ? fd : -1;
 }
 
 // Descriptors the host opened without O_CLOEXEC would otherwise reach the
 // tool. The directory's own descriptor is closed last, after the listing.
 bool CloseInheritedDescriptors() noexcept {
-  const int directory = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int directory =
+      static_cast<int>(::syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory < 0) return false;
   alignas(dirent64) char buffer[4096];
   for (;;) {
-    const ssize_t size = ::getdents64(directory, buffer, sizeof buffer);
+    const long size = ::syscall(SYS_getdents64, directory, buffer, sizeof buffer);
     if (size < 0) return false;
     if (size == 0) break;
-    for (ssize_t offset = 0; offset < size;) {
+    for (long offset = 0; offset < size;) {
       const auto* entry = reinterpret_cast<const dirent64*>(buffer + offset);
       offset += entry->d_reclen;
-      char* end = nullptr;
-      const long fd = std::strtol(entry->d_name, &end, 10);
-      if (*end == '\0' && fd > STDERR_FILENO && fd != directory) ::close(static_cast<int>(fd));
+      const int fd = DescriptorNamed(entry->d_name);
+      if (fd > STDERR_FILENO && fd != directory) ::syscall(SYS_close, fd);
     }
   }
-  return ::close(directory) == 0;
+  return ::syscall(SYS_close, directory) == 0;
 }
 
-// Raw system calls: after a bare clone the C library still believes in the
-// parent's threads, and its wrappers would try to change their ids as well.
+// After a bare clone the C library still believes in the parent's threads,
+// and its wrappers would try to change their ids as well.
 void SetIdOrExit(long setCall, long getCall, std::uint32_t id, int firstKeptStatus) noexcept {
-  if (::syscall(setCall, id, id, id) != 0) ::_exit(errno);
+  if (::syscall(setCall, id, id, id) != 0) ExitChild(errno);
   std::uint32_t real = 0, effective = 0, saved = 0;
-  if (::syscall(getCall, &real, &effective, &saved) != 0) ::_exit(errno);
-  if (real != id) ::_exit(firstKeptStatus);
-  if (effective != id) ::_exit(firstKeptStatus + 1);
-  if (saved != id) ::_exit(firstKeptStatus + 2);
+  if (::syscall(getCall, &real, &effective, &saved) != 0) ExitChild(errno);
+  if (real != id) ExitChild(firstKeptStatus);
+  if (effective != id) ExitChild(firstKeptStatus + 1);
+  if (saved != id) ExitChild(firstKeptStatus + 2);
 }
 
+bool SetLimit(int resource, const rlimit& value) noexcept {
+  return ::syscall(SYS_prlimit64, 0, resource, &value, nullptr) == 0;
+}
 
 // A limit above a hard limit that this process may not raise (it lacks
 // CAP_SYS_RESOURCE, as in many containers) is applied as far as it can be:
 // the tool then runs with the most it may have rather than not at all.
 bool ApplyLimit(const SpawnLimit& limit) noexcept {
-  rlimit value{limit.soft, limit.hard};
-  if (::setrlimit(limit.resource, &value) == 0) return true;
+  if (SetLimit(limit.resource, {limit.soft, limit.hard})) return true;
   rlimit current{};
-  if (errno != EPERM || ::getrlimit(limit.resource, &current) != 0 || limit.hard <= current.rlim_max) return false;
-  value.rlim_max = current.rlim_max;
-  value.rlim_cur = std::min(limit.soft, current.rlim_max);
-  return ::setrlimit(limit.resource, &value) == 0;
+  if (errno != EPERM || ::syscall(SYS_prlimit64, 0, limit.resource, nullptr, &current) != 0 ||
+      limit.hard <= current.rlim_max) {
+    return false;
+  }
+  return SetLimit(limit.resource, {std::min(limit.soft, current.rlim_max), current.rlim_max});
 }
 
 [[noreturn]] void RunChild(const ChildPlan& plan) noexcept {
   for (const SpawnLimit& limit : plan.rlimits) {
-    if (!ApplyLimit(limit)) ::_exit(errno);
+    if (!ApplyLimit(limit)) ExitChild(errno);
   }
-  if (!ResetSignals()) ::_exit(errno);
-  if (plan.workingDirectory && ::chdir(plan.workingDirectory) != 0) ::_exit(errno);
-  if (!RedirectStandardDescriptors(plan.standardSources)) ::_exit(errno);
-  if (!CloseInheritedDescriptors()) ::_exit(errno);
-  if (!plan.groups.empty() && ::syscall(SYS_setgroups, plan.groups.size(), plan.groups.data()) != 0) ::_exit(errno);
+  if (!ResetSignals()) ExitChild(errno);
+  if (plan.workingDirectory && ::syscall(SYS_chdir, plan.workingDirectory) != 0) ExitChild(errno);
+  if (!RedirectStandardDescriptors(plan.standardSources)) ExitChild(errno);
+  if (!CloseInheritedDescriptors()) ExitChild(errno);
+  if (!plan.groups.empty() && ::syscall(SYS_setgroups, plan.groups.size(), plan.groups.data()) != 0) ExitChild(errno);
   if (plan.gid != 0) SetIdOrExit(SYS_setresgid, SYS_getresgid, plan.gid, kGroupIdKeptStatus);
   if (plan.uid != 0) SetIdOrExit(SYS_setresuid, SYS_getresuid, plan.uid, kUserIdKeptStatus);
-  ::execve(plan.path, plan.argv, plan.envp);
-  ::_exit(errno);
+  ::syscall(SYS_execve, plan.path, plan.argv, plan.envp);
+  ExitChild(errno);
 }
 
 // --- The parent. --------------------------------------------------------------
