@@ -5,6 +5,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "firewall/chain_index.h"
 #include "firewall/chain_layout.h"
 
 namespace qel::firewall {
@@ -23,28 +24,6 @@ std::string_view Unquoted(std::string_view token) {
   }
   return token;
 }
-
-const std::vector<Rule> kNoRules;
-
-// Chains of a state by name; the first chain of a name wins, as in the
-// kernel's listing.
-class ChainIndex {
- public:
-  explicit ChainIndex(const State& state) {
-    for (const auto& chain : state.chainList) m_chains.emplace(chain.name, &chain);
-  }
-  const Chain* Find(const std::string& name) const {
-    const auto it = m_chains.find(name);
-    return it == m_chains.end() ? nullptr : it->second;
-  }
-  const std::vector<Rule>& RulesOf(const std::string& name) const {
-    const Chain* chain = Find(name);
-    return chain ? chain->ruleList : kNoRules;
-  }
-
- private:
-  std::unordered_map<std::string, const Chain*> m_chains;
-};
 
 // The rules of a chain as the comparison sees them. Pointers into the
 // states, so that a chain of tens of thousands of rules is not copied on
@@ -407,7 +386,7 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
   ChangeList creates, deletes, adds, flushes, removals;
   ChainComposer composer(deletes, adds);
   const auto createIfAbsent = [&](const std::string& name) {
-    if (currentChains.Find(name)) return;
+    if (currentChains.Find(current, name)) return;
     m_tracer.Write(Detail, m_prefix, "Custom chain '", name, "' should be created");
     creates.push_back(Change{ChangeKind::CreateChain, name, "", "", false, -1});
   };
@@ -415,14 +394,14 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
   for (const auto& chain : next.chainList) {
     m_tracer.Write(Detail, m_prefix, "Start processing chain ", chain.name);
     const bool owned = ChainLayout::KindOf(chain.name) == ChainKind::Owned;
-    const auto currentRules = WithoutPolicy(currentChains.RulesOf(chain.name));
+    const auto currentRules = WithoutPolicy(currentChains.RulesOf(current, chain.name));
     // The steady state of every poll: no keys, sets or copies needed.
     if (AlreadyAsWanted(owned, currentRules, chain.ruleList)) {
       createIfAbsent(chain.name);
       continue;
     }
 
-    const auto previousRules = WithoutPolicy(previousChains.RulesOf(chain.name));
+    const auto previousRules = WithoutPolicy(previousChains.RulesOf(previous, chain.name));
     // While the kernel holds, token for token, what the module installed
     // last time (the usual case when the wanted rules change), nothing can
     // be missing or extra, and no keys are needed to tell.
@@ -471,14 +450,14 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
   // built-in chains above already dropped them), then the chain is flushed
   // and deleted.
   for (const auto& chain : current.chainList) {
-    if (!ChainLayout::IsModuleChain(chain.name) || nextChains.Find(chain.name)) continue;
+    if (!ChainLayout::IsModuleChain(chain.name) || nextChains.Find(next, chain.name)) continue;
     std::size_t references = 0;
     for (const auto& other : current.chainList) {
       for (const auto& rule : other.ruleList) {
         if (rule.target.size() != 1 || rule.target[0] != chain.name) continue;
         ++references;
         m_tracer.Write(Detail, m_prefix, "Rule '", RuleText(rule), "' is referenced in the chain '", other.name, "'");
-        if (!nextChains.Find(other.name) && !ChainLayout::IsModuleChain(other.name)) {
+        if (!nextChains.Find(next, other.name) && !ChainLayout::IsModuleChain(other.name)) {
           // A built-in chain the module no longer uses at all.
           m_tracer.Write(Detail, m_prefix, "'", RuleText(rule), "' exists in the '", other.name,
                          "' and must be deleted");
