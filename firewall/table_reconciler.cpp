@@ -14,14 +14,6 @@ namespace {
 using tracing::Detail;
 using tracing::Warning;
 
-std::string_view Unquoted(std::string_view token) {
-  if (token.size() >= 3 && token.front() == '"' && token.back() == '"' &&
-      token.substr(1, token.size() - 2).find('"') == std::string_view::npos) {
-    return token.substr(1, token.size() - 2);
-  }
-  return token;
-}
-
 // The rules of a chain as the comparison sees them. Pointers into the
 // states, so that a chain of tens of thousands of rules is not copied on
 // every poll.
@@ -49,28 +41,6 @@ std::vector<std::string> KeysOf(const RuleRefs& rules) {
   keys.reserve(rules.size());
   for (const Rule* rule : rules) keys.push_back(RuleKey(*rule));
   return keys;
-}
-
-// A rule's match tokens as its key sees them, sorted.
-std::vector<std::string_view> SortedMatch(const Rule& rule) {
-  std::vector<std::string_view> tokens;
-  tokens.reserve(rule.match.size());
-  for (const auto& token : rule.match) tokens.push_back(Unquoted(token));
-  std::sort(tokens.begin(), tokens.end());
-  return tokens;
-}
-
-// Whether `rule` has the same key as the rule that `sortedMatch` and
-// `target` were taken from. Rules that differ are mostly told apart by
-// their first tokens, without building keys.
-bool SameKeyAs(const Rule& rule, const Rule& other, const std::vector<std::string_view>& sortedMatch) {
-  if (rule.isGoto != other.isGoto || rule.target != other.target || rule.match.size() != sortedMatch.size()) {
-    return false;
-  }
-  for (const auto& token : rule.match) {
-    if (!std::binary_search(sortedMatch.begin(), sortedMatch.end(), Unquoted(token))) return false;
-  }
-  return RuleKey(rule) == RuleKey(other);
 }
 
 std::unordered_set<std::string_view> KeySet(const std::vector<std::string>& keys) {
@@ -288,7 +258,7 @@ class ChainComposer {
     const auto wantedKeys = middle.empty() ? std::vector<std::string>() : KeysOf(wantedMiddle);
     std::vector<bool> keep = RulesToKeep(currentKeys, wantedKeys);
     auto left = LeftAfterDeletes(currentKeys, keep);
-    if (!IsSubsequence(left, wantedKeys) || DeletesReachHead(current, head, middle, keep)) {
+    if (!IsSubsequence(left, wantedKeys) || DeletesReachHead(current, head, middle, currentKeys, keep)) {
       if (!rebuild) return false;
       // Equal rules in an unlucky order: deleting by rule text would keep
       // the wrong ones. Rebuild the chain instead.
@@ -303,15 +273,24 @@ class ChainComposer {
   }
 
   // Whether a rule to be deleted from the middle equals one of the `head`
-  // rules before it, which the delete would take instead.
+  // rules before it, which the delete would take instead. Only head rules
+  // whose fingerprint a deleted rule shares get a key, so that a small
+  // change in a long chain costs one cheap pass over the head, and a large
+  // one no comparison of every deleted rule with every head rule.
   static bool DeletesReachHead(const RuleRefs& current, std::size_t head, const RuleRefs& middle,
-                               const std::vector<bool>& keep) {
+                               const std::vector<std::string>& middleKeys, const std::vector<bool>& keep) {
     if (head == 0) return false;
+    std::unordered_set<std::string_view> deletedKeys;
+    std::unordered_set<std::uint64_t> deletedFingerprints;
     for (std::size_t i = 0; i < middle.size(); ++i) {
       if (keep[i]) continue;
-      const auto sortedMatch = SortedMatch(*middle[i]);
-      for (std::size_t h = 0; h < head; ++h) {
-        if (SameKeyAs(*current[h], *middle[i], sortedMatch)) return true;
+      deletedKeys.insert(middleKeys[i]);
+      deletedFingerprints.insert(RuleFingerprint(*middle[i]));
+    }
+    if (deletedKeys.empty()) return false;
+    for (std::size_t h = 0; h < head; ++h) {
+      if (deletedFingerprints.count(RuleFingerprint(*current[h])) && deletedKeys.count(RuleKey(*current[h]))) {
+        return true;
       }
     }
     return false;

@@ -97,6 +97,36 @@ TEST_F(TableReconcilerTest, EqualRulesInAnUnluckyOrderStillEndInTheWantedOrder) 
   EXPECT_EQ(Texts("vorn_input"), (Lines{"-p tcp -j ACCEPT", "-p udp -j ACCEPT", "-p icmp -j ACCEPT"}));
 }
 
+// Every change between short chains of two rules that may repeat: wherever
+// equal rules stand (at the head, among the rules to delete, in the tail),
+// the kernel ends in the wanted order, and a second pass finds nothing to do.
+TEST_F(TableReconcilerTest, EveryChangeBetweenChainsOfRepeatedRulesEndsInTheWantedOrder) {
+  const Rule rules[] = {R("-p tcp", "ACCEPT"), R("-p udp", "ACCEPT")};
+  std::vector<std::vector<Rule>> chains = {{}};
+  for (std::size_t length = 1; length <= 4; ++length) {
+    const auto shorter = chains;
+    for (const auto& chain : shorter) {
+      if (chain.size() + 1 != length) continue;
+      for (const auto& rule : rules) {
+        chains.push_back(chain);
+        chains.back().push_back(rule);
+      }
+    }
+  }
+  for (const auto& installed : chains) {
+    for (const auto& wanted : chains) {
+      kernel = Make<FakeKernel>();
+      previous = {};
+      Sync(Wanted(installed));
+      const Lines script = Sync(Wanted(wanted));
+      Lines expected;
+      for (const auto& rule : wanted) expected.push_back(firewall::RuleText(rule));
+      ASSERT_EQ(Texts("vorn_input"), expected) << ::testing::PrintToString(script);
+      ASSERT_TRUE(Sync(Wanted(wanted)).empty());
+    }
+  }
+}
+
 TEST_F(TableReconcilerTest, ForeignChangesAreReportedAndRepairedOnlyInOwnedChains) {
   const auto wanted = Wanted({R("-i lo", "ACCEPT"), R("-p tcp --dport 22", "ACCEPT"), R("", "DROP")});
   Sync(wanted);
@@ -150,7 +180,10 @@ TEST(RuleEquality, IgnoresTokenOrderQuotesAndBookkeeping) {
   Rule named = R("-p tcp -m comment --comment x", "ACCEPT");
   named.ruleName = "named";
   named.tag = "ostra";
-  EXPECT_TRUE(firewall::RulesEqual(R("-m comment --comment \"x\" -p tcp", "ACCEPT"), named));
+  const Rule reordered = R("-m comment --comment \"x\" -p tcp", "ACCEPT");
+  EXPECT_TRUE(firewall::RulesEqual(reordered, named));
+  // Equal rules are not told apart by their fingerprints either.
+  EXPECT_EQ(firewall::RuleFingerprint(reordered), firewall::RuleFingerprint(named));
   EXPECT_FALSE(firewall::RulesEqual(named, R("-p tcp -m comment --comment x", "DROP")));
   Rule gotoRule = R("", "vorn_bypass");
   gotoRule.isGoto = true;
