@@ -98,10 +98,33 @@ RuleRefs Slice(const RuleRefs& rules, std::size_t from, std::size_t to) {
   return RuleRefs(rules.begin() + static_cast<std::ptrdiff_t>(from), rules.begin() + static_cast<std::ptrdiff_t>(to));
 }
 
+RuleRefs Slice(const std::vector<Rule>& rules, std::size_t from, std::size_t to) {
+  RuleRefs refs;
+  refs.reserve(to - from);
+  for (std::size_t i = from; i < to; ++i) refs.push_back(&rules[i]);
+  return refs;
+}
+
+// The rules not kept, with their keys.
+struct Deletes {
+  RuleRefs rules;
+  std::vector<std::string_view> keys;
+};
+
+Deletes DeletesOf(const RuleRefs& rules, const std::vector<std::string>& keys, const std::vector<bool>& keep) {
+  Deletes deletes;
+  for (std::size_t i = 0; i < rules.size(); ++i) {
+    if (keep[i]) continue;
+    deletes.rules.push_back(rules[i]);
+    deletes.keys.push_back(keys[i]);
+  }
+  return deletes;
+}
+
 }  // namespace
 
-ChainComposer::ChainComposer(const tracing::Tracer& tracer, std::string_view tracePrefix)
-    : m_tracer(tracer), m_prefix(tracePrefix) {}
+ChainComposer::ChainComposer(const tracing::Tracer& tracer, std::string_view tracePrefix, bool useShortcuts)
+    : m_tracer(tracer), m_prefix(tracePrefix), m_shortcuts(useShortcuts) {}
 
 void ChainComposer::CreateIfAbsent(const std::string& chain, bool inKernel) {
   if (inKernel) return;
@@ -129,8 +152,7 @@ void ChainComposer::ComposeOwned(const std::string& chain, const RuleRefs& curre
 
 // A missing jump goes to the head of the chain, so that the module sees
 // packets before any other rule there.
-void ChainComposer::ComposeShared(const std::string& chain, const RuleRefs& current,
-                                  const std::vector<Rule>& wanted) {
+void ChainComposer::ComposeShared(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted) {
   std::unordered_map<std::string, std::size_t> present;
   for (const Rule* rule : current) {
     if (JumpsToModuleChain(*rule)) ++present[RuleKey(*rule)];
@@ -157,10 +179,20 @@ void ChainComposer::ComposeShared(const std::string& chain, const RuleRefs& curr
   }
 }
 
-ChainComposer::Ends ChainComposer::StandingEnds(const RuleRefs& current, const std::vector<Rule>& wanted) {
+// The rules equal to the wanted ones at the head of the chain, and at its
+// tail among the others. Which of several equal rules stays depends on
+// these ends, so they are the same however they are found.
+ChainComposer::Ends ChainComposer::StandingEnds(const RuleRefs& current, const std::vector<Rule>& wanted) const {
+  const std::size_t shorter = std::min(current.size(), wanted.size());
   Ends ends;
-  ends.head = HeadAsWanted(current, wanted);
-  ends.tail = TailAsWanted(current, wanted, ends.head);
+  // Skip the keys of the rules that stand token for token as wanted.
+  if (m_shortcuts) ends.head = HeadAsWanted(current, wanted);
+  while (ends.head < shorter && RulesEqual(*current[ends.head], wanted[ends.head])) ++ends.head;
+  if (m_shortcuts) ends.tail = TailAsWanted(current, wanted, ends.head);
+  while (ends.tail < shorter - ends.head &&
+         RulesEqual(*current[current.size() - 1 - ends.tail], wanted[wanted.size() - 1 - ends.tail])) {
+    ++ends.tail;
+  }
   return ends;
 }
 
@@ -172,42 +204,40 @@ ChainComposer::Ends ChainComposer::StandingEnds(const RuleRefs& current, const s
 bool ChainComposer::ComposeBetween(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted,
                                    Ends ends, bool rebuild) {
   const RuleRefs middle = Slice(current, ends.head, current.size() - ends.tail);
-  RuleRefs wantedMiddle;
-  for (std::size_t w = ends.head; w < wanted.size() - ends.tail; ++w) wantedMiddle.push_back(&wanted[w]);
+  const RuleRefs wantedMiddle = Slice(wanted, ends.head, wanted.size() - ends.tail);
   const auto currentKeys = KeysOf(middle);
-  const auto wantedKeys = NothingToKeep(middle) ? std::vector<std::string>() : KeysOf(wantedMiddle);
-  std::vector<bool> keep = RulesToKeep(currentKeys, wantedKeys);
+  // Skip the wanted rules' keys when nothing stands to be kept.
+  const auto wantedKeys = m_shortcuts && NothingToKeep(middle) ? std::vector<std::string>() : KeysOf(wantedMiddle);
+  const std::vector<bool> keep = RulesToKeep(currentKeys, wantedKeys);
+  Deletes deletes = DeletesOf(middle, currentKeys, keep);
   auto left = LeftAfterDeletes(currentKeys, keep);
-  RuleRefs deleted;
-  std::vector<std::string_view> deletedKeys;
-  for (std::size_t i = 0; i < middle.size(); ++i) {
-    if (keep[i]) continue;
-    deleted.push_back(middle[i]);
-    deletedKeys.push_back(currentKeys[i]);
-  }
-  if (!IsSubsequence(left, wantedKeys) || DeletesReachHead(Slice(current, 0, ends.head), deleted, deletedKeys)) {
+  if (!IsSubsequence(left, wantedKeys) ||
+      DeletesReachHead(std::span(current).first(ends.head), deletes.rules, deletes.keys)) {
     if (!rebuild) return false;
     // Equal rules in an unlucky order: deleting by rule text would keep
     // the wrong ones. Rebuild the part instead.
-    deleted = middle;
+    deletes.rules = middle;
     left.clear();
   }
-  for (const Rule* rule : deleted) m_changes.deletes.push_back(RuleChange(ChangeKind::DeleteRule, chain, *rule));
+  for (const Rule* rule : deletes.rules) {
+    m_changes.deletes.push_back(RuleChange(ChangeKind::DeleteRule, chain, *rule));
+  }
   InsertMissing(chain, left, wantedMiddle, wantedKeys, ends);
   return true;
 }
 
 // Whether a rule to be deleted equals one of the head's, which the delete
-// would take instead. One pass over the head with the deleted rules' keys
-// in a set, so that a large change does not compare every deleted rule with
+// would take instead. One pass over the head against the deleted rules'
+// keys in a set: a large change must not compare every deleted rule with
 // every head rule.
-bool ChainComposer::DeletesReachHead(const RuleRefs& head, const RuleRefs& deleted,
-                                     const std::vector<std::string_view>& deletedKeys) {
+bool ChainComposer::DeletesReachHead(std::span<const Rule* const> head, const RuleRefs& deleted,
+                                     const std::vector<std::string_view>& deletedKeys) const {
   if (head.empty() || deleted.empty()) return false;
   const std::unordered_set<std::string_view> keys(deletedKeys.begin(), deletedKeys.end());
-  const Fingerprints fingerprints = FingerprintsOf(deleted);
+  const TokenBits deletedTokens = m_shortcuts ? TokenBitsOf(deleted) : TokenBits();
   for (const Rule* rule : head) {
-    if (EqualsNone(*rule, fingerprints)) continue;
+    // Skip the key of a head rule that no deleted rule can equal.
+    if (m_shortcuts && CannotEqualAny(*rule, deletedTokens)) continue;
     if (keys.count(RuleKey(*rule))) return true;
   }
   return false;

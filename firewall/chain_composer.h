@@ -2,6 +2,7 @@
 // chain.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -22,8 +23,9 @@ class ChainComposer {
     ChangeList adds;
   };
 
-  // `tracePrefix` must outlive the composer.
-  ChainComposer(const tracing::Tracer& tracer, std::string_view tracePrefix);
+  // `tracePrefix` must outlive the composer; `useShortcuts` as in
+  // ReconcileOptions.
+  ChainComposer(const tracing::Tracer& tracer, std::string_view tracePrefix, bool useShortcuts);
 
   // A wanted chain that the kernel lacks is created.
   void CreateIfAbsent(const std::string& chain, bool inKernel);
@@ -45,16 +47,17 @@ class ChainComposer {
 
   void ComposeOwned(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted);
   void ComposeShared(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted);
-  static Ends StandingEnds(const RuleRefs& current, const std::vector<Rule>& wanted);
+  Ends StandingEnds(const RuleRefs& current, const std::vector<Rule>& wanted) const;
   bool ComposeBetween(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted, Ends ends,
                       bool rebuild);
-  static bool DeletesReachHead(const RuleRefs& head, const RuleRefs& deleted,
-                               const std::vector<std::string_view>& deletedKeys);
+  bool DeletesReachHead(std::span<const Rule* const> head, const RuleRefs& deleted,
+                        const std::vector<std::string_view>& deletedKeys) const;
   void InsertMissing(const std::string& chain, const std::vector<std::string_view>& left, const RuleRefs& wanted,
                      const std::vector<std::string>& wantedKeys, Ends ends);
 
   const tracing::Tracer& m_tracer;
   std::string_view m_prefix;
+  bool m_shortcuts;
   Changes m_changes;
 };
 

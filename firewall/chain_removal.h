@@ -13,7 +13,7 @@ class ChainRemoval {
  public:
   // Kept apart by kind, as the script needs them in that order.
   struct Changes {
-    ChangeList deletes;   // jumps to the chains, from chains the module no longer uses at all
+    ChangeList deletes;  // jumps to the chains, from chains the module no longer uses at all
     ChangeList flushes;
     ChangeList removals;
   };

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <unordered_set>
 #include <vector>
 
 #include "firewall/chain_rules.h"
@@ -34,10 +33,14 @@ std::size_t TailAsWanted(const RuleRefs& current, const std::vector<Rule>& wante
 // keep (a first install, or rules added where none stood).
 bool NothingToKeep(const RuleRefs& current);
 
-// Skip building the key of a rule that no rule of a set can equal, as told
-// by their fingerprints (RuleFingerprint).
-using Fingerprints = std::unordered_set<std::uint64_t>;
-Fingerprints FingerprintsOf(const RuleRefs& rules);
-bool EqualsNone(const Rule& rule, const Fingerprints& fingerprints);
+// Skip building the key of a rule that has a match token none of a set of
+// rules has: it cannot equal any of them. The set's tokens are kept as bits
+// of their hashes, so that asking costs a few token hashes, mostly ending
+// at the first token that tells the rule apart, and no allocation.
+struct TokenBits {
+  std::vector<std::uint64_t> words;  // a power of two of them
+};
+TokenBits TokenBitsOf(const RuleRefs& rules);
+bool CannotEqualAny(const Rule& rule, const TokenBits& theirs);
 
 }  // namespace qel::firewall

@@ -31,13 +31,14 @@ std::string RuleListText(const std::vector<Rule>& rules) {
 
 }  // namespace
 
-IntegrityCheck::IntegrityCheck(const tracing::Tracer& tracer, std::string_view tracePrefix)
-    : m_tracer(tracer), m_prefix(tracePrefix) {}
+IntegrityCheck::IntegrityCheck(const tracing::Tracer& tracer, std::string_view tracePrefix, bool useShortcuts)
+    : m_tracer(tracer), m_prefix(tracePrefix), m_shortcuts(useShortcuts) {}
 
 IntegrityReport IntegrityCheck::Check(bool owned, const RuleRefs& previous, const RuleRefs& current,
                                       const std::vector<Rule>& next) const {
   IntegrityReport report;
-  if (Untouched(previous, current)) return report;
+  // Skip the search while the kernel holds what was installed.
+  if (m_shortcuts && Untouched(previous, current)) return report;
 
   const auto previousKeys = KeysOf(previous), currentKeys = KeysOf(current), nextKeys = KeysOf(RefsOf(next));
   const auto currentSet = KeySet(currentKeys), nextSet = KeySet(nextKeys);
@@ -64,8 +65,7 @@ void IntegrityCheck::TraceBroken(const RuleRefs& previous, const RuleRefs& curre
                                  const IntegrityReport& report) const {
   m_tracer.Write(Warning, m_prefix, "Integrity broken. Chain state:", "\ncurrent rules : ", RuleListText(current),
                  "\nprevious rules: ", RuleListText(previous), "\nnext rules    : ", RuleListText(next),
-                 "\nmissing:      : ", RuleListText(report.missing), "\nextra:        : ",
-                 RuleListText(report.extra));
+                 "\nmissing:      : ", RuleListText(report.missing), "\nextra:        : ", RuleListText(report.extra));
 }
 
 }  // namespace qel::firewall

@@ -20,8 +20,9 @@ struct IntegrityReport {
 // neither missing nor extra: they were going anyway.
 class IntegrityCheck {
  public:
-  // `tracePrefix` must outlive the check.
-  IntegrityCheck(const tracing::Tracer& tracer, std::string_view tracePrefix);
+  // `tracePrefix` must outlive the check; `useShortcuts` as in
+  // ReconcileOptions.
+  IntegrityCheck(const tracing::Tracer& tracer, std::string_view tracePrefix, bool useShortcuts);
 
   // Extra rules are looked for only in owned chains: in a built-in chain
   // other rules are not the module's business. Each rule found is traced, and
@@ -35,6 +36,7 @@ class IntegrityCheck {
 
   const tracing::Tracer& m_tracer;
   std::string_view m_prefix;
+  bool m_shortcuts;
 };
 
 }  // namespace qel::firewall

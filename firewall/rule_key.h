@@ -1,8 +1,8 @@
 // When two rules are the same rule to the kernel.
 #pragma once
 
-#include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "firewall/rule_model.h"
 
@@ -16,10 +16,14 @@ namespace qel::firewall {
 std::string RuleKey(const Rule& rule);
 bool RulesEqual(const Rule& a, const Rule& b);
 
-// A hash of what the key holds, taken without building the key: equal rules
-// have equal fingerprints, so two rules whose fingerprints differ need no
-// keys to be told apart. Cheap enough to take for every rule of a long
-// chain on a small change.
-std::uint64_t RuleFingerprint(const Rule& rule);
+// A match token as the key holds it: without double quotes that wholly
+// enclose it. Inline, as shortcuts take it for every token of long chains.
+inline std::string_view UnquotedToken(std::string_view token) {
+  if (token.size() >= 3 && token.front() == '"' && token.back() == '"' &&
+      token.substr(1, token.size() - 2).find('"') == std::string_view::npos) {
+    return token.substr(1, token.size() - 2);
+  }
+  return token;
+}
 
 }  // namespace qel::firewall

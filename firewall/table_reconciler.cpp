@@ -23,21 +23,22 @@ void AppendEntries(std::vector<ChainRule>& to, const std::string& chain, std::ve
 
 }  // namespace
 
-TableReconciler::TableReconciler(const tracing::Tracer& tracer, std::string tracePrefix)
-    : m_tracer(tracer), m_prefix(std::move(tracePrefix)) {}
+TableReconciler::TableReconciler(const tracing::Tracer& tracer, std::string tracePrefix, ReconcileOptions options)
+    : m_tracer(tracer), m_prefix(std::move(tracePrefix)), m_options(options) {}
 
 TableSyncResult TableReconciler::Reconcile(const State& previous, const State& current, const State& next) const {
   TableSyncResult result;
   const ChainIndex previousChains(previous), currentChains(current), nextChains(next);
-  const IntegrityCheck integrity(m_tracer, m_prefix);
-  ChainComposer composer(m_tracer, m_prefix);
+  const IntegrityCheck integrity(m_tracer, m_prefix, m_options.shortcuts);
+  ChainComposer composer(m_tracer, m_prefix, m_options.shortcuts);
 
   for (const auto& chain : next.chainList) {
     m_tracer.Write(tracing::Detail, m_prefix, "Start processing chain ", chain.name);
     const bool owned = ChainLayout::KindOf(chain.name) == ChainKind::Owned;
     const bool inKernel = currentChains.Find(current, chain.name) != nullptr;
     const auto currentRules = WithoutPolicy(currentChains.RulesOf(current, chain.name));
-    if (AlreadyAsWanted(owned, currentRules, chain.ruleList)) {
+    // Skip the comparison when the chain already stands as wanted.
+    if (m_options.shortcuts && AlreadyAsWanted(owned, currentRules, chain.ruleList)) {
       composer.CreateIfAbsent(chain.name, inKernel);
       continue;
     }
@@ -55,8 +56,8 @@ TableSyncResult TableReconciler::Reconcile(const State& previous, const State& c
   // are deleted before positions are counted for inserts, and no chain is
   // deleted while a rule still jumps to it.
   auto composed = composer.Take();
-  for (ChangeList* part : {&composed.creates, &composed.deletes, &removal.deletes, &composed.adds,
-                                 &removal.flushes, &removal.removals}) {
+  for (ChangeList* part :
+       {&composed.creates, &composed.deletes, &removal.deletes, &composed.adds, &removal.flushes, &removal.removals}) {
     Append(result.changes, *part);
   }
   return result;

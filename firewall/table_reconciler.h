@@ -24,11 +24,18 @@ struct TableSyncResult {
   std::vector<ChainRule> extra;    // foreign rules in owned chains: removed
 };
 
+struct ReconcileOptions {
+  // Off, no work is skipped because a chain stands as wanted or as
+  // installed: the results are the same, only slower, which is how the
+  // shortcuts are checked.
+  bool shortcuts = true;
+};
+
 // Rules are compared as RuleKey sees them.
 class TableReconciler {
  public:
   // `tracePrefix` names the function, family and table in trace lines.
-  TableReconciler(const tracing::Tracer& tracer, std::string tracePrefix);
+  TableReconciler(const tracing::Tracer& tracer, std::string tracePrefix, ReconcileOptions options = {});
 
   // Only the module's chains and the module's jumps in built-in chains are
   // touched; the change list is empty when the kernel already holds exactly
@@ -38,6 +45,7 @@ class TableReconciler {
  private:
   const tracing::Tracer& m_tracer;
   std::string m_prefix;
+  ReconcileOptions m_options;
 };
 
 }  // namespace qel::firewall
