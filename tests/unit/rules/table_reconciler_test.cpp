@@ -60,7 +60,8 @@ class TableReconcilerTest : public ::testing::Test {
   Lines Texts(const std::string& chain) { return kernel->Texts(kFilter, chain); }
 
   oro::RefPtr<FakeKernel> kernel = Make<FakeKernel>();
-  tracing::Tracer tracer;
+  oro::RefPtr<FakeTracer> traces = Make<FakeTracer>();
+  tracing::Tracer tracer{oro::RefPtr<oro::ITracer>::Share(traces.Get())};
   State previous;
   firewall::TableSyncResult last;
 };
@@ -71,6 +72,7 @@ TEST_F(TableReconcilerTest, FirstSyncCreatesChainsAndPutsTheJumpFirstThenConverg
   EXPECT_EQ(Sync(wanted), (Lines{":vorn_input - [0:0]", "-I INPUT 1 -j vorn_input", "-A vorn_input -i lo -j ACCEPT",
                                  "-A vorn_input -j DROP"}));
   EXPECT_EQ(Texts("INPUT"), (Lines{"-j vorn_input", "-s 192.0.2.1/32 -j DROP"}));
+  EXPECT_TRUE(traces->Contains("Custom chain 'vorn_input' should be created"));
   EXPECT_TRUE(Sync(wanted).empty());
 }
 
@@ -181,6 +183,9 @@ TEST_F(TableReconcilerTest, ForeignChangesAreReportedAndRepairedOnlyInOwnedChain
   EXPECT_EQ(firewall::RuleText(last.missing[0].rule), "-p tcp --dport 22 -j ACCEPT");
   ASSERT_EQ(last.extra.size(), 1u);
   EXPECT_EQ(last.extra[0].chain, "vorn_input");
+  EXPECT_TRUE(traces->Contains(tracing::Warning, "Missing rule '-p tcp --dport 22 -j ACCEPT' will be re-added"));
+  EXPECT_TRUE(traces->Contains(tracing::Warning, "Extra rule '-s 198.51.100.7/32 -j ACCEPT' will be removed"));
+  EXPECT_TRUE(traces->Contains(tracing::Warning, "Integrity broken. Chain state:"));
   EXPECT_EQ(Texts("vorn_input"), (Lines{"-i lo -j ACCEPT", "-p tcp --dport 22 -j ACCEPT", "-j DROP"}));
   EXPECT_EQ(Texts("INPUT"), (Lines{"-j vorn_input", "-p icmp -j ACCEPT"}));
   Sync(wanted);
@@ -216,6 +221,8 @@ TEST_F(TableReconcilerTest, LeftoversOfADeadModuleAreAdoptedOrRemoved) {
 TEST_F(TableReconcilerTest, RemovingEverythingDropsTheJumpBeforeTheChains) {
   Sync(Wanted({R("-p tcp", "ACCEPT")}));
   EXPECT_EQ(Sync({}), (Lines{"-D INPUT -j vorn_input", "-F vorn_input", "-X vorn_input"}));
+  EXPECT_TRUE(traces->Contains("No need to explicitly delete rules from chain 'vorn_input', it will be flushed"));
+  EXPECT_TRUE(traces->Contains("Chain 'vorn_input' is concidered to be deleted"));
   EXPECT_EQ(kernel->TableOf(kFilter), FakeKernel().TableOf(kFilter));
 }
 
