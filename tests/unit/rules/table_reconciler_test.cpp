@@ -163,12 +163,12 @@ TEST_F(TableReconcilerTest, ShortcutsGiveWhatThePlainPathGives) {
   InKernel("INPUT").insert(InKernel("INPUT").begin() + 1, R("-p icmp", "ACCEPT"));
   sameBothWays("changed behind the module's back", Wanted({a, u, c}));
   sameBothWays("a foreign rule in a built-in chain", Wanted({a, u, c}));
-  sameBothWays("", Wanted({quoted, u, x}));
+  sameBothWays("a twin written with quotes added at the head", Wanted({quoted, u, x}));
   sameBothWays("a delete that would hit an equal rule at the head", Wanted({quoted, u}));
   sameBothWays("everything removed", {});
   // Equal rules written differently: which of them stays does not depend
   // on how the rules that stand as wanted are found.
-  sameBothWays("", Wanted({quoted, x}));
+  sameBothWays("first install of equal rules written differently", Wanted({quoted, x}));
   sameBothWays("equal rules written differently", Wanted({x}));
 }
 
