@@ -95,6 +95,7 @@ TokenBits TokenBitsOf(const RuleRefs& rules) {
 }
 
 bool CannotEqualAny(const Rule& rule, const TokenBits& theirs) {
+  if (theirs.words.empty()) return true;  // of no rules at all
   const std::size_t mask = theirs.words.size() - 1;
   for (const auto token : rule.match) {
     const std::uint64_t hash = TokenHash(UnquotedToken(token));
