@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <functional>
 #include <new>
 #include <string>
-#include <unordered_map>
+
+#include "firewall/chain_index.h"
 
 #include "firewall/chain_layout.h"
 
@@ -29,43 +29,6 @@ constexpr std::string_view kGluedOptionLetters = "mj";
 // Log readers filter on this exact prefix.
 constexpr std::string_view kParseLineSignature =
     "result_t {anonymous}::ParseLine(oro::ITracer*, const string_view&, qel::firewall::State&)";
-
-// Positions of the state's chains by name. Listings of tens of thousands of
-// rules are parsed on every poll, so a rule finds its chain by hash instead of
-// by a scan of the chain list. Like such a scan, a name keeps the position of
-// its first chain.
-class ChainIndex {
- public:
-  explicit ChainIndex(const State& state) {
-    for (std::size_t position = 0; position < state.chainList.size(); ++position)
-      Add(state.chainList[position].name, position);
-  }
-
-  void Add(std::string_view name, std::size_t position) { m_positions.try_emplace(std::string(name), position); }
-
-  // The listing gives each chain's rules in one run, so the chain found
-  // last is nearly always the one asked for again. A position once found
-  // never changes: Add keeps the first chain of a name.
-  Chain* Find(State& state, std::string_view name) const {
-    if (m_last && name == m_lastName) return &state.chainList[m_lastPosition];
-    const auto found = m_positions.find(name);
-    if (found == m_positions.end()) return nullptr;
-    m_last = true;
-    m_lastName = found->first;
-    m_lastPosition = found->second;
-    return &state.chainList[found->second];
-  }
-
- private:
-  struct NameHash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
-  };
-  std::unordered_map<std::string, std::size_t, NameHash, std::equal_to<>> m_positions;
-  mutable bool m_last = false;
-  mutable std::string_view m_lastName;  // a key of m_positions, which never moves
-  mutable std::size_t m_lastPosition = 0;
-};
 
 std::string_view Trim(std::string_view text) {
   const std::size_t first = text.find_first_not_of(kLineWhitespace);

@@ -5,21 +5,13 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "firewall/rule_key.h"
 #include "firewall/rule_model.h"
 #include "qel_tracing/tracer.h"
 
 namespace qel::firewall {
-
-// The comparison key of a rule: two rules are equal when their goto flags
-// are equal, their targets are equal token for token, and their match
-// tokens are equal as sorted lists once tokens wholly in double quotes lose
-// their quotes. The listing tool may reorder options and quote comments, so
-// nothing stricter would recognise the module's own rules.
-std::string RuleKey(const Rule& rule);
-bool RulesEqual(const Rule& a, const Rule& b);
 
 struct ChainRule {
   std::string chain;
@@ -32,10 +24,18 @@ struct TableSyncResult {
   std::vector<ChainRule> extra;    // foreign rules in owned chains: removed
 };
 
+struct ReconcileOptions {
+  // Off, no work is skipped because a chain stands as wanted or as
+  // installed: the results are the same, only slower, which is how the
+  // shortcuts are checked.
+  bool shortcuts = true;
+};
+
+// Rules are compared as RuleKey sees them.
 class TableReconciler {
  public:
   // `tracePrefix` names the function, family and table in trace lines.
-  TableReconciler(const tracing::Tracer& tracer, std::string tracePrefix);
+  TableReconciler(const tracing::Tracer& tracer, std::string tracePrefix, ReconcileOptions options = {});
 
   // Only the module's chains and the module's jumps in built-in chains are
   // touched; the change list is empty when the kernel already holds exactly
@@ -45,6 +45,7 @@ class TableReconciler {
  private:
   const tracing::Tracer& m_tracer;
   std::string m_prefix;
+  ReconcileOptions m_options;
 };
 
 }  // namespace qel::firewall

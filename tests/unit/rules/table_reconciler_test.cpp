@@ -29,14 +29,25 @@ State Wanted(std::vector<Rule> rules) {
   return State{{Chain{"INPUT", {R("", "vorn_input")}}, Chain{"vorn_input", std::move(rules)}}};
 }
 
+Lines Script(const firewall::ChangeList& changes) {
+  Lines lines;
+  for (const auto& change : changes) lines.push_back(firewall::ChangeLine(change));
+  return lines;
+}
+
+Lines Entries(const std::vector<firewall::ChainRule>& entries) {
+  Lines lines;
+  for (const auto& entry : entries) lines.push_back(entry.chain + ": " + firewall::RuleText(entry.rule));
+  return lines;
+}
+
 class TableReconcilerTest : public ::testing::Test {
  protected:
   // One synchronisation: compare, apply to the fake kernel, remember what
   // was installed. Returns the script lines.
   Lines Sync(const State& next) {
     last = firewall::TableReconciler(tracer, "test ").Reconcile(previous, kernel->TableOf(kFilter), next);
-    Lines lines;
-    for (const auto& change : last.changes) lines.push_back(firewall::ChangeLine(change));
+    const Lines lines = Script(last.changes);
     if (!last.changes.empty()) {
       EXPECT_EQ(kernel->ChangeState(kFilter.first, kFilter.second, last.changes), oro::errOk)
           << ::testing::PrintToString(lines);
@@ -49,7 +60,8 @@ class TableReconcilerTest : public ::testing::Test {
   Lines Texts(const std::string& chain) { return kernel->Texts(kFilter, chain); }
 
   oro::RefPtr<FakeKernel> kernel = Make<FakeKernel>();
-  tracing::Tracer tracer;
+  oro::RefPtr<FakeTracer> traces = Make<FakeTracer>();
+  tracing::Tracer tracer{oro::RefPtr<oro::ITracer>::Share(traces.Get())};
   State previous;
   firewall::TableSyncResult last;
 };
@@ -60,6 +72,7 @@ TEST_F(TableReconcilerTest, FirstSyncCreatesChainsAndPutsTheJumpFirstThenConverg
   EXPECT_EQ(Sync(wanted), (Lines{":vorn_input - [0:0]", "-I INPUT 1 -j vorn_input", "-A vorn_input -i lo -j ACCEPT",
                                  "-A vorn_input -j DROP"}));
   EXPECT_EQ(Texts("INPUT"), (Lines{"-j vorn_input", "-s 192.0.2.1/32 -j DROP"}));
+  EXPECT_TRUE(traces->Contains("Custom chain 'vorn_input' should be created"));
   EXPECT_TRUE(Sync(wanted).empty());
 }
 
@@ -97,6 +110,68 @@ TEST_F(TableReconcilerTest, EqualRulesInAnUnluckyOrderStillEndInTheWantedOrder) 
   EXPECT_EQ(Texts("vorn_input"), (Lines{"-p tcp -j ACCEPT", "-p udp -j ACCEPT", "-p icmp -j ACCEPT"}));
 }
 
+// Every change between short chains of two rules that may repeat: wherever
+// equal rules stand (at the head, among the rules to delete, in the tail),
+// the kernel ends in the wanted order, and a second pass finds nothing to do.
+TEST_F(TableReconcilerTest, EveryChangeBetweenChainsOfRepeatedRulesEndsInTheWantedOrder) {
+  const Rule rules[] = {R("-p tcp", "ACCEPT"), R("-p udp", "ACCEPT")};
+  std::vector<std::vector<Rule>> chains = {{}};
+  for (std::size_t length = 1; length <= 4; ++length) {
+    const auto shorter = chains;
+    for (const auto& chain : shorter) {
+      if (chain.size() + 1 != length) continue;
+      for (const auto& rule : rules) {
+        chains.push_back(chain);
+        chains.back().push_back(rule);
+      }
+    }
+  }
+  for (const auto& installed : chains) {
+    for (const auto& wanted : chains) {
+      kernel = Make<FakeKernel>();
+      previous = {};
+      Sync(Wanted(installed));
+      const Lines script = Sync(Wanted(wanted));
+      Lines expected;
+      for (const auto& rule : wanted) expected.push_back(firewall::RuleText(rule));
+      ASSERT_EQ(Texts("vorn_input"), expected) << ::testing::PrintToString(script);
+      ASSERT_TRUE(Sync(Wanted(wanted)).empty());
+    }
+  }
+}
+
+// Skipping work never changes the outcome: with the shortcuts and without,
+// the same script and the same reports, whatever the kernel holds.
+TEST_F(TableReconcilerTest, ShortcutsGiveWhatThePlainPathGives) {
+  const auto sameBothWays = [&](const char* what, const State& next) {
+    const State current = kernel->TableOf(kFilter);
+    const auto fast = firewall::TableReconciler(tracer, "").Reconcile(previous, current, next);
+    const auto plain = firewall::TableReconciler(tracer, "", {.shortcuts = false}).Reconcile(previous, current, next);
+    EXPECT_EQ(Script(fast.changes), Script(plain.changes)) << what;
+    EXPECT_EQ(Entries(fast.missing), Entries(plain.missing)) << what;
+    EXPECT_EQ(Entries(fast.extra), Entries(plain.extra)) << what;
+    Sync(next);
+  };
+  const Rule a = R("-p tcp --dport 1", "ACCEPT"), b = R("-p tcp --dport 2", "ACCEPT"),
+             c = R("-p tcp --dport 3", "ACCEPT"), u = R("-p udp", "ACCEPT"), x = R("-p tcp", "ACCEPT"),
+             quoted = R("-p \"tcp\"", "ACCEPT");
+  sameBothWays("first install", Wanted({a, b, c}));
+  sameBothWays("steady poll", Wanted({a, b, c}));
+  sameBothWays("one rule changed in the middle", Wanted({a, u, c}));
+  InKernel("vorn_input").erase(InKernel("vorn_input").begin());
+  InKernel("vorn_input").push_back(R("-s 198.51.100.7/32", "ACCEPT"));
+  InKernel("INPUT").insert(InKernel("INPUT").begin() + 1, R("-p icmp", "ACCEPT"));
+  sameBothWays("changed behind the module's back", Wanted({a, u, c}));
+  sameBothWays("a foreign rule in a built-in chain", Wanted({a, u, c}));
+  sameBothWays("a twin written with quotes added at the head", Wanted({quoted, u, x}));
+  sameBothWays("a delete that would hit an equal rule at the head", Wanted({quoted, u}));
+  sameBothWays("everything removed", {});
+  // Equal rules written differently: which of them stays does not depend
+  // on how the rules that stand as wanted are found.
+  sameBothWays("first install of equal rules written differently", Wanted({quoted, x}));
+  sameBothWays("equal rules written differently", Wanted({x}));
+}
+
 TEST_F(TableReconcilerTest, ForeignChangesAreReportedAndRepairedOnlyInOwnedChains) {
   const auto wanted = Wanted({R("-i lo", "ACCEPT"), R("-p tcp --dport 22", "ACCEPT"), R("", "DROP")});
   Sync(wanted);
@@ -108,6 +183,9 @@ TEST_F(TableReconcilerTest, ForeignChangesAreReportedAndRepairedOnlyInOwnedChain
   EXPECT_EQ(firewall::RuleText(last.missing[0].rule), "-p tcp --dport 22 -j ACCEPT");
   ASSERT_EQ(last.extra.size(), 1u);
   EXPECT_EQ(last.extra[0].chain, "vorn_input");
+  EXPECT_TRUE(traces->Contains(tracing::Warning, "Missing rule '-p tcp --dport 22 -j ACCEPT' will be re-added"));
+  EXPECT_TRUE(traces->Contains(tracing::Warning, "Extra rule '-s 198.51.100.7/32 -j ACCEPT' will be removed"));
+  EXPECT_TRUE(traces->Contains(tracing::Warning, "Integrity broken. Chain state:"));
   EXPECT_EQ(Texts("vorn_input"), (Lines{"-i lo -j ACCEPT", "-p tcp --dport 22 -j ACCEPT", "-j DROP"}));
   EXPECT_EQ(Texts("INPUT"), (Lines{"-j vorn_input", "-p icmp -j ACCEPT"}));
   Sync(wanted);
@@ -143,6 +221,8 @@ TEST_F(TableReconcilerTest, LeftoversOfADeadModuleAreAdoptedOrRemoved) {
 TEST_F(TableReconcilerTest, RemovingEverythingDropsTheJumpBeforeTheChains) {
   Sync(Wanted({R("-p tcp", "ACCEPT")}));
   EXPECT_EQ(Sync({}), (Lines{"-D INPUT -j vorn_input", "-F vorn_input", "-X vorn_input"}));
+  EXPECT_TRUE(traces->Contains("No need to explicitly delete rules from chain 'vorn_input', it will be flushed"));
+  EXPECT_TRUE(traces->Contains("Chain 'vorn_input' is concidered to be deleted"));
   EXPECT_EQ(kernel->TableOf(kFilter), FakeKernel().TableOf(kFilter));
 }
 
