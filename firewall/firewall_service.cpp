@@ -5,6 +5,8 @@
 #include <system_error>
 
 #include "firewall/diagnostic_dump.h"
+#include "firewall/earlier_compilation.h"
+#include "firewall/poll_handler.h"
 #include "firewall/table_reconciler.h"
 #include "qel_common/service_locator.h"
 #include "qel_tracing/guard.h"
@@ -45,28 +47,6 @@ const State& StateOrEmpty(const std::shared_ptr<const State>& state) {
 }
 
 }  // namespace
-
-// The timer's handle on the service. The timer may keep it after the
-// service is gone (when cancelling failed), so the service detaches it on
-// release; detaching waits for a poll in progress, and a later run finds no
-// service and does nothing.
-class PollHandler final : public ObjectImpl<PollHandler, oro::IRunnable> {
- public:
-  explicit PollHandler(FirewallService* service) : m_service(service) {}
-
-  result_t Run() noexcept override {
-    std::lock_guard lock(m_mutex);
-    return m_service ? m_service->RunPoll() : oro::errOk;
-  }
-  void Detach() noexcept {
-    std::lock_guard lock(m_mutex);
-    m_service = nullptr;
-  }
-
- private:
-  std::mutex m_mutex;
-  FirewallService* m_service;  // guarded by m_mutex
-};
 
 FirewallService::FirewallService(oro::IServiceLocator* locator, bool suitableConntrack)
     : m_locator(locator), m_suitableConntrack(suitableConntrack) {
@@ -114,7 +94,7 @@ void FirewallService::FinalRelease() noexcept {
     std::lock_guard lock(m_mutex);
     const bool wasEnforcing = m_requested.enforce;
     m_requested = Requested{};
-    ForgetWantedStates();
+    m_wanted.Forget();
     SyncFirewallState(wasEnforcing);
   } catch (...) {
     // Nothing can be reported from here; the next start of the module
@@ -191,7 +171,7 @@ result_t FirewallService::DoSetPacketRules(const FirewallSettings& rules) {
   Requested before = m_requested;
   m_requested.packetRules = std::make_shared<const FirewallSettings>(rules);
   m_requested.compiled = std::move(compiled);
-  ForgetWantedStates();
+  m_wanted.Forget();
   if (!m_requested.enforce) {
     // Packet rules reach the kernel only while enforcing, so there is
     // nothing to apply. Syncing here would also take down what a module that
@@ -235,7 +215,7 @@ result_t FirewallService::AddRules(const RuleDescriptions& rules, const std::str
 result_t FirewallService::DoAddRules(const RuleDescriptions& rules, const std::string& tag) {
   Requested before = m_requested;
   for (const auto& rule : rules) m_requested.dynamicRules.push_back(TaggedRule{rule, tag});
-  ForgetWantedStates();
+  m_wanted.Forget();
   const result_t r = SyncFirewallState();
   if (ORO_FAILED(r)) RollBack(std::move(before));
   return r;
@@ -264,7 +244,7 @@ result_t FirewallService::DoRemoveRules(const RuleDescriptions& rules) {
   std::erase_if(m_requested.dynamicRules, [&](const TaggedRule& stored) {
     return std::find(rules.begin(), rules.end(), stored.description) != rules.end();
   });
-  ForgetWantedStates();
+  m_wanted.Forget();
   const result_t r = SyncFirewallState();
   if (ORO_FAILED(r)) RollBack(std::move(before));
   return r;
@@ -272,7 +252,7 @@ result_t FirewallService::DoRemoveRules(const RuleDescriptions& rules) {
 
 void FirewallService::RollBack(Requested before) {
   m_requested = std::move(before);
-  ForgetWantedStates();
+  m_wanted.Forget();
   QEL_CHECKED_CALL(m_tracer, SyncFirewallState(), "Cannot bring the firewall back to the rules in force");
 }
 
@@ -297,7 +277,7 @@ result_t FirewallService::DoSetEnforce(bool doEnforce, bool& changed) {
   if (m_requested.enforce == doEnforce && m_inForce) return oro::errOk;
   changed = true;
   m_requested.enforce = doEnforce;
-  ForgetWantedStates();
+  m_wanted.Forget();
   const bool unenforcing = !doEnforce;
   const result_t r = SyncFirewallState(unenforcing);
   if (ORO_FAILED(r)) QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallState(unenforcing)", r, "");
@@ -361,18 +341,12 @@ std::vector<IPAddressFamily::Type> FirewallService::Families() const {
   return {IPAddressFamily::IPv4};
 }
 
-void FirewallService::ForgetWantedStates() { m_wantedStates.clear(); }
-
+// Packet rules reach the kernel only while enforcing.
 FirewallService::StatePtr FirewallService::WantedState(IPAddressFamily::Type family, const std::string& table) {
-  StatePtr& wanted = m_wantedStates[{family, table}];
-  if (!wanted) {
-    const CompiledRules* compiled = nullptr;
-    const Compiled* both = m_requested.enforce ? m_requested.compiled.get() : nullptr;
-    if (both) compiled = family == IPAddressFamily::IPv4 ? &both->ipv4 : &both->ipv6;
-    wanted = std::make_shared<const State>(
-        ChainLayout::WantedState(family, table, compiled, m_requested.dynamicRules));
-  }
-  return wanted;
+  const Compiled* compiled = m_requested.enforce ? m_requested.compiled.get() : nullptr;
+  const CompiledRules* forFamily = nullptr;
+  if (compiled) forFamily = family == IPAddressFamily::IPv4 ? &compiled->ipv4 : &compiled->ipv6;
+  return m_wanted.Get(family, table, forFamily, m_requested.dynamicRules);
 }
 
 result_t FirewallService::SyncFirewallState(bool unenforcing) {

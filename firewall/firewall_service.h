@@ -29,6 +29,7 @@
 #include "firewall/chain_layout.h"
 #include "firewall/firewall_interfaces.h"
 #include "firewall/iptables_rule_compiler.h"
+#include "firewall/wanted_states.h"
 #include "oro/event_publisher.h"
 #include "oro/service.h"
 #include "oro/timer.h"
@@ -68,7 +69,7 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   // States are shared rather than copied: the wanted state of a table is
   // built once per change of what the module wants, and once installed it
   // is also the previous state of the next poll.
-  using StatePtr = std::shared_ptr<const State>;
+  using StatePtr = WantedStates::StatePtr;
   struct Compiled {
     CompiledRules ipv4;
     CompiledRules ipv6;
@@ -121,7 +122,6 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   std::vector<types::IPAddressFamily::Type> Families() const;
   bool SkipShuttingDown(const char* function);
   StatePtr WantedState(types::IPAddressFamily::Type family, const std::string& table);
-  void ForgetWantedStates();
 
   oro::IServiceLocator* m_locator;
   tracing::Tracer m_tracer;
@@ -147,7 +147,7 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   // The last synchronisation succeeded: the kernel holds what is wanted.
   bool m_inForce = true;
   // Built from m_requested on first use; forgotten whenever it changes.
-  std::map<TableId, StatePtr> m_wantedStates;
+  WantedStates m_wanted;
   std::map<TableId, StatePtr> m_previousState;  // null: nothing installed
   std::map<TableId, bool> m_listedOnce;
 };

@@ -7,6 +7,7 @@
 #include <optional>
 #include <stdexcept>
 
+#include "firewall/earlier_compilation.h"
 #include "firewall/rule_description.h"
 #include "qel_common/port_range.h"
 #include "qel_common/string_conv.h"
@@ -300,18 +301,6 @@ bool IsCatchAll(const PacketRule& rule) {
          rule.remoteAddress == kAnyField && rule.localAddress == kAnyField;
 }
 
-bool SameZones(const FirewallSettings& a, const FirewallSettings& b) {
-  return a.networkZonesTrusted == b.networkZonesTrusted && a.networkZonesLocal == b.networkZonesLocal &&
-         a.networkZonesPublic == b.networkZonesPublic;
-}
-
-void CopyRange(const std::vector<Rule>& from, const std::vector<std::size_t>& starts, std::size_t index,
-               std::vector<Rule>& to) {
-  const auto first = from.begin() + static_cast<std::ptrdiff_t>(starts[index]);
-  const auto last = from.begin() + static_cast<std::ptrdiff_t>(starts[index + 1]);
-  to.insert(to.end(), first, last);
-}
-
 const std::vector<oro::string16_t>* ZoneList(const FirewallSettings& settings, const std::string& name) {
   if (name == "Trusted") return &settings.networkZonesTrusted;
   if (name == "Local") return &settings.networkZonesLocal;
@@ -334,7 +323,7 @@ class IptablesRuleCompiler {
   IptablesRuleCompiler(const FirewallSettings& settings, types::IPAddressFamily::Type family, bool suitableConntrack,
                        const tracing::Tracer& tracer, const EarlierCompilation* earlier)
       : m_settings(settings),
-        m_earlier(earlier && SameZones(settings, earlier->settings) ? earlier : nullptr),
+        m_earlier(earlier && earlier->UsableFor(settings) ? earlier : nullptr),
         m_version(IpVersionOf(family)),
         // An unreliable direction test in the kernel sees every connection
         // from the other end, so the words trade places.
@@ -346,8 +335,8 @@ class IptablesRuleCompiler {
     if (m_earlier) {
       // Mostly the same rules again: room for them, and a little more, at once.
       const auto roomFor = [](std::size_t n) { return n + n / 16 + 8; };
-      m_rules.incoming.reserve(roomFor(m_earlier->rules.incoming.size()));
-      m_rules.outgoing.reserve(roomFor(m_earlier->rules.outgoing.size()));
+      m_rules.incoming.reserve(roomFor(m_earlier->Rules().incoming.size()));
+      m_rules.outgoing.reserve(roomFor(m_earlier->Rules().outgoing.size()));
     }
     m_rules.incoming.push_back(Item({"-i", "lo"}, {"ACCEPT"}));
     m_rules.outgoing.push_back(Item({"-o", "lo"}, {"ACCEPT"}));
@@ -357,10 +346,7 @@ class IptablesRuleCompiler {
     for (std::size_t index = 0; index < packetRules.size(); ++index) {
       m_rules.incomingStarts.push_back(m_rules.incoming.size());
       m_rules.outgoingStarts.push_back(m_rules.outgoing.size());
-      if (CompiledEarlier(index)) {
-        CopyRange(m_earlier->rules.incoming, m_earlier->rules.incomingStarts, index, m_rules.incoming);
-        CopyRange(m_earlier->rules.outgoing, m_earlier->rules.outgoingStarts, index, m_rules.outgoing);
-      } else {
+      if (!m_earlier || !m_earlier->TakeOver(index, packetRules[index], m_rules)) {
         CompilePacketRule(ReadRule(index, packetRules[index]));
       }
       if (IsCatchAll(packetRules[index])) MarkCovered(packetRules[index].direction);
@@ -372,14 +358,6 @@ class IptablesRuleCompiler {
   }
 
  private:
-  bool CompiledEarlier(std::size_t index) const {
-    if (!m_earlier) return false;
-    const auto& earlier = m_earlier->rules;
-    return index < m_earlier->settings.packetRules.size() && index + 1 < earlier.incomingStarts.size() &&
-           index + 1 < earlier.outgoingStarts.size() &&
-           m_earlier->settings.packetRules[index] == m_settings.packetRules[index];
-  }
-
   void CompilePacketRule(const RuleFields& rule) {
     const std::vector<std::string> locals = SplitAddressList(rule.localAddress);
     const auto* zone = ZoneList(m_settings, rule.remoteAddress);

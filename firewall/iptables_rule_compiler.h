@@ -24,12 +24,7 @@ struct CompiledRules {
   std::vector<std::size_t> outgoingStarts;
 };
 
-// An earlier compilation for the same family and the same conntrack
-// support, and the settings it was made from.
-struct EarlierCompilation {
-  const settings::FirewallSettings& settings;
-  const CompiledRules& rules;
-};
+class EarlierCompilation;
 
 // The IP version whose rules a settings family holds.
 tools::IpVersion IpVersionOf(types::IPAddressFamily::Type family) noexcept;
@@ -44,9 +39,8 @@ Tokens NflogTarget(const std::string& prefix, int group, unsigned threshold = 0)
 // without it the conntrack direction words are swapped. Throws
 // RuleCompileError for an address, port or ICMP field that does not parse.
 //
-// With `earlier`, a packet rule equal to the one at the same position there
-// (so with the same item number and log group) takes over its rules instead
-// of being compiled again, as long as the zone lists are unchanged.
+// With `earlier`, packet rules that did not change take over their rules
+// from there instead of being compiled again (see EarlierCompilation).
 CompiledRules CompileRules(const settings::FirewallSettings& settings, types::IPAddressFamily::Type family,
                            bool suitableConntrack, const tracing::Tracer& tracer = {},
                            const EarlierCompilation* earlier = nullptr);

@@ -5,6 +5,7 @@
 #include <optional>
 #include <regex>
 
+#include "firewall/earlier_compilation.h"
 #include "qel_common/string_conv.h"
 
 // Designated initializers spell out only the fields that a case is about.
