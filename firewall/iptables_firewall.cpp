@@ -59,12 +59,9 @@ result_t IptablesFirewall::DoGetState(IPAddressFamily::Type family, const std::s
   tools::InitSpawnContext(context, ListingCommand(family, table));
   CaptureOutputs(context);
   // Listings run to tens of thousands of rules on every poll: they are
-  // parsed while the tool is still printing them, into room the last
-  // listing of the table measured.
-  ListingShape shape = LastShape({family, table});
-  context.output->reserve(shape.outputSize + shape.outputSize / 16);
+  // parsed while the tool is still printing them.
   State parsed;
-  IptablesListingParser parser(m_tracer.Get(), parsed, std::move(shape.chains));
+  IptablesListingParser parser(m_tracer.Get(), parsed);
   context.outputObserver = [&parser](const std::string& output) { parser.ParseCompleteLines(output); };
   result_t result = RunTool(context);
   if (ORO_FAILED(result)) return result;
@@ -79,7 +76,6 @@ result_t IptablesFirewall::DoGetState(IPAddressFamily::Type family, const std::s
     return result;
   }
   if (m_tracer.Enabled(Detail)) m_tracer.Write(Detail, kGetStateName, " parsed:\n", DumpState(parsed));
-  RememberShape({family, table}, output.size(), parsed);
   out = std::move(parsed);
   return oro::errOk;
 }
@@ -95,18 +91,6 @@ result_t IptablesFirewall::DoChangeState(IPAddressFamily::Type family, const std
   m_tracer.Write(Detail, "Command:\n", context.program, " -n -w << EOF\n", *context.input, "EOF");
   CaptureOutputs(context);
   return RunTool(context);
-}
-
-IptablesFirewall::ListingShape IptablesFirewall::LastShape(const TableKey& table) const {
-  std::lock_guard lock(m_shapesMutex);
-  const auto it = m_shapes.find(table);
-  return it == m_shapes.end() ? ListingShape{} : it->second;
-}
-
-void IptablesFirewall::RememberShape(const TableKey& table, std::size_t outputSize, const State& parsed) const {
-  ListingShape shape{outputSize, SizesOf(parsed)};
-  std::lock_guard lock(m_shapesMutex);
-  m_shapes[table] = std::move(shape);
 }
 
 result_t IptablesFirewall::RunTool(tools::SpawnContext& context) const {

@@ -4,8 +4,6 @@
 // tool installs whole or not at all.
 #pragma once
 
-#include <map>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -46,21 +44,10 @@ class IptablesFirewall : public ObjectImpl<IptablesFirewall, IFirewallStateQuery
   std::vector<std::string> ListingCommand(types::IPAddressFamily::Type family, const std::string& table) const;
   std::vector<std::string> RestoreCommand(types::IPAddressFamily::Type family) const;
 
-  // What the last listing of a table looked like, so that the next one,
-  // mostly the same, is read into room of the right size at once.
-  struct ListingShape {
-    std::size_t outputSize = 0;
-    ChainSizes chains;
-  };
-  using TableKey = std::pair<types::IPAddressFamily::Type, std::string>;
-  ListingShape LastShape(const TableKey& table) const;
-  void RememberShape(const TableKey& table, std::size_t outputSize, const State& parsed) const;
 
   tracing::Tracer m_tracer;
   oro::RefPtr<IIptablesInfoProvider> m_infoProvider;
   ToolRunner m_runTool;
-  mutable std::mutex m_shapesMutex;  // tables are listed from several threads at once
-  mutable std::map<TableKey, ListingShape> m_shapes;
 };
 
 }  // namespace qel::firewall

@@ -67,14 +67,6 @@ bool SplitChainLine(std::string_view line, ChainLine& out) {
   return true;
 }
 
-std::size_t ExpectedSize(const ChainSizes& expected, std::string_view name) {
-  for (const auto& [chain, size] : expected) {
-    if (chain == name) return size;
-  }
-  return 0;
-}
-
-
 std::string SeparateGluedReply(std::string_view match) {
   std::string repaired;
   repaired.reserve(match.size() + 2);
@@ -150,8 +142,7 @@ void AddRule(Chain& chain, Rule rule) {
 
 class IptablesListingParser::Impl {
  public:
-  Impl(oro::ITracer* tracer, State& out, ChainSizes expected)
-      : m_tracer(tracer), m_state(out), m_chains(out), m_expected(std::move(expected)) {}
+  Impl(oro::ITracer* tracer, State& out) : m_tracer(tracer), m_state(out), m_chains(out) {}
 
   // Parses the lines of output[m_parsed, end); `end` is the end of a line.
   void ParseUpTo(std::string_view output, std::size_t end) noexcept {
@@ -201,28 +192,19 @@ class IptablesListingParser::Impl {
   // Every chain is added here, so that `m_chains` keeps indexing the state.
   void AppendChain(std::string_view name, std::vector<Rule> rules) {
     m_chains.Add(name, m_state.chainList.size());
-    rules.reserve(ExpectedSize(m_expected, name));
     m_state.chainList.push_back(Chain{std::string(name), std::move(rules)});
   }
 
   oro::ITracer* m_tracer;
   State& m_state;
   ChainIndex m_chains;
-  const ChainSizes m_expected;
   Tokens m_lastTarget;
   std::size_t m_parsed = 0;
   oro::result_t m_result = oro::errOk;
 };
 
-ChainSizes SizesOf(const State& state) {
-  ChainSizes sizes;
-  sizes.reserve(state.chainList.size());
-  for (const auto& chain : state.chainList) sizes.emplace_back(chain.name, chain.ruleList.size());
-  return sizes;
-}
-
-IptablesListingParser::IptablesListingParser(oro::ITracer* tracer, State& out, ChainSizes expected)
-    : m_impl(std::make_unique<Impl>(tracer, out, std::move(expected))) {}
+IptablesListingParser::IptablesListingParser(oro::ITracer* tracer, State& out)
+    : m_impl(std::make_unique<Impl>(tracer, out)) {}
 
 IptablesListingParser::~IptablesListingParser() = default;
 

@@ -24,20 +24,13 @@ namespace qel::firewall {
 // lines produced; memory exhaustion yields errNoMemory. `tracer` may be null.
 oro::result_t ParseIptablesOutput(oro::ITracer* tracer, std::string_view output, State& out);
 
-// How many rules each chain of a state holds, by chain name.
-using ChainSizes = std::vector<std::pair<std::string, std::size_t>>;
-ChainSizes SizesOf(const State& state);
-
 // The same parse over a listing that is still being read, so that a long
 // listing is parsed while the tool is still printing it. Each call is given
 // the whole text read so far, which only ever grows.
 class IptablesListingParser {
  public:
   // `out` must outlive the parser and is filled as in ParseIptablesOutput.
-  // `expected`, when given, is what an earlier listing of the table held:
-  // each chain gets room for that many rules at once rather than growing
-  // into it.
-  IptablesListingParser(oro::ITracer* tracer, State& out, ChainSizes expected = {});
+  IptablesListingParser(oro::ITracer* tracer, State& out);
   ~IptablesListingParser();
   IptablesListingParser(const IptablesListingParser&) = delete;
   IptablesListingParser& operator=(const IptablesListingParser&) = delete;
