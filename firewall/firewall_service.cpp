@@ -1,8 +1,6 @@
 #include "firewall/firewall_service.h"
 
 #include <algorithm>
-#include <future>
-#include <system_error>
 
 #include "firewall/diagnostic_dump.h"
 #include "firewall/earlier_compilation.h"
@@ -118,31 +116,20 @@ bool FirewallService::SkipShuttingDown(const char* function) {
   return true;
 }
 
-// Large rule sets take milliseconds per family, so the two families are
-// compiled side by side; for small ones a thread would cost more than it
-// saves. An IPv4 error is the one reported when both fail, as when compiled
-// one after the other. Packet rules that did not change since the last
-// compilation take over their rules from there.
+// Packet rules that did not change since the last compilation take over
+// their rules from there. An IPv4 error is the one reported when both
+// families fail.
 FirewallService::Compiled FirewallService::Compile(const FirewallSettings& rules) const {
-  constexpr std::size_t kRulesWorthAThread = 512;
-  const SettingsPtr& earlierRules = m_requested.packetRules;
-  const CompiledPtr& earlierCompiled = m_requested.compiled;
   const auto compile = [&](IPAddressFamily::Type family) {
+    const SettingsPtr& earlierRules = m_requested.packetRules;
+    const CompiledPtr& earlierCompiled = m_requested.compiled;
     if (!earlierRules || !earlierCompiled) return CompileRules(rules, family, m_suitableConntrack, m_tracer);
     const bool ipv4 = family == IPAddressFamily::IPv4;
     const EarlierCompilation earlier{*earlierRules, ipv4 ? earlierCompiled->ipv4 : earlierCompiled->ipv6};
     return CompileRules(rules, family, m_suitableConntrack, m_tracer, &earlier);
   };
-  std::future<CompiledRules> ipv6;
-  if (rules.packetRules.size() >= kRulesWorthAThread) {
-    try {
-      ipv6 = std::async(std::launch::async, compile, IPAddressFamily::IPv6);
-    } catch (const std::system_error&) {
-      // No thread to be had: compile in turn.
-    }
-  }
   CompiledRules ipv4 = compile(IPAddressFamily::IPv4);
-  return Compiled{std::move(ipv4), ipv6.valid() ? ipv6.get() : compile(IPAddressFamily::IPv6)};
+  return Compiled{std::move(ipv4), compile(IPAddressFamily::IPv6)};
 }
 
 result_t FirewallService::SetPacketRules(const FirewallSettings& rules) noexcept {
@@ -351,7 +338,7 @@ FirewallService::StatePtr FirewallService::WantedState(IPAddressFamily::Type fam
 
 result_t FirewallService::SyncFirewallState(bool unenforcing) {
   m_tracer.Write(Detail, "SyncFirewallState", "() ", "unenforcing=", unenforcing ? "true" : "false");
-  PendingListings listings = ListAhead();
+  ListingsAhead ahead = ListAhead();
   std::vector<std::pair<TableId, StatePtr>> wanted;
   for (auto family : Families()) {
     for (const auto& table : ChainLayout::Tables()) wanted.emplace_back(TableId{family, table}, WantedState(family, table));
@@ -362,9 +349,7 @@ result_t FirewallService::SyncFirewallState(bool unenforcing) {
   for (const auto& [tableId, next] : wanted) {
     const auto& [family, table] = tableId;
     StatePtr& previous = m_previousState[tableId];
-    const auto pending = listings.find(tableId);
-    const result_t r = SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken,
-                                         pending == listings.end() ? nullptr : &pending->second);
+    const result_t r = SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken, ahead);
     if (ORO_FAILED(r)) {
       QEL_TRACE_FAILED_CALL(m_tracer, "SyncFirewallTable(family, table, previous, next, extra, missing, isIntegrityBroken)",
                             r, "Cannot sync firewall table");
@@ -386,48 +371,51 @@ bool FirewallService::NeedsListing(const TableId& table, const StatePtr& previou
   return !IsEmpty(previous.get()) || !IsEmpty(next.get()) || (!m_listedOnce[table] && table.second == kFilterTable);
 }
 
-// A listing is mostly the tool starting and the kernel copying its table
-// out, time in which the module can reconcile the table before. So while
-// the first table that will surely be listed is listed in turn, the others
-// (those that hold the module's rules) are listed at once, side by side,
-// each on a thread of its own. The first stays on the calling thread: its
-// parse is the largest, and the memory of a parse on another thread lingers
-// in that thread's heap. A table that turns out to need a listing after all
-// is listed when its turn comes. Tools that cannot wait for the lock the
-// legacy ones take would fail side by side, so they always run in turn, as
-// they do when no thread can be had.
-FirewallService::PendingListings FirewallService::ListAhead() {
-  PendingListings listings;
-  if (!m_infoProvider->SupportsWaitOption()) return listings;
+// While the first table that will surely be listed is listed and
+// reconciled on the calling thread, the others that surely hold the
+// module's rules are listed ahead. The first stays here: its parse is the
+// largest, and the memory of a parse on another thread lingers in that
+// thread's heap. A table that turns out to need a listing after all is
+// listed when its turn comes. Tools that cannot wait for the lock the
+// legacy ones take would fail side by side, so they always run in turn.
+ListingsAhead FirewallService::ListAhead() {
+  if (!m_infoProvider->SupportsWaitOption()) return {};
   result_t r;
   auto query = TryGetInterface<IFirewallStateQuery>(m_locator, r);
-  if (!query) return listings;  // reported by the table's own synchronisation
-  bool first = true;
+  if (!query) return {};  // reported by the table's own synchronisation
+  std::vector<TableId> tables;
   for (auto family : Families()) {
     for (const auto& table : ChainLayout::Tables()) {
       const TableId tableId{family, table};
       // Sure without knowing what is wanted: whatever that is, the table is
       // listed.
-      if (!NeedsListing(tableId, m_previousState[tableId], nullptr)) continue;
-      if (std::exchange(first, false)) continue;
-      try {
-        listings.emplace(tableId, std::async(std::launch::async, [query, tableId] {
-                           Listing listing;
-                           listing.result = query->GetState(tableId.first, tableId.second, listing.state);
-                           return listing;
-                         }));
-      } catch (const std::system_error&) {
-        return listings;
-      }
+      if (NeedsListing(tableId, m_previousState[tableId], nullptr)) tables.push_back(tableId);
     }
   }
-  return listings;
+  if (!tables.empty()) tables.erase(tables.begin());
+  return ListingsAhead(query, tables);
+}
+
+// The table's listing: the one read ahead, or one read now.
+result_t FirewallService::ReadTable(const TableId& table, ListingsAhead& ahead, State& current) {
+  if (auto listed = ahead.Take(table)) {
+    if (ORO_SUCCEEDED(listed->result)) current = std::move(listed->state);
+    return listed->result;
+  }
+  result_t r;
+  auto query = TryGetInterface<IFirewallStateQuery>(m_locator, r);
+  if (!query) {
+    m_tracer.Write(Error, "SyncFirewallTable [", TableLabel(table.first, table.second), "] ",
+                   "Cannot get IFirewallStateQuery interface");
+    return r;
+  }
+  return query->GetState(table.first, table.second, current);
 }
 
 result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const std::string& table,
                                             StatePtr& previous, const StatePtr& next, std::ostringstream& extra,
                                             std::ostringstream& missing, bool& isIntegrityBroken,
-                                            std::future<Listing>* listing) {
+                                            ListingsAhead& ahead) {
   const std::string prefix = "SyncFirewallTable [" + TableLabel(family, table) + "] ";
   m_tracer.Write(Detail, prefix, "Start processing table");
   if (!NeedsListing({family, table}, previous, next)) {
@@ -435,20 +423,8 @@ result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const 
     return oro::errOk;
   }
 
-  result_t r;
   State current;
-  if (listing) {
-    Listing listed = listing->get();
-    r = listed.result;
-    current = std::move(listed.state);
-  } else {
-    auto query = TryGetInterface<IFirewallStateQuery>(m_locator, r);
-    if (!query) {
-      m_tracer.Write(Error, prefix, "Cannot get IFirewallStateQuery interface");
-      return r;
-    }
-    r = query->GetState(family, table, current);
-  }
+  result_t r = ReadTable({family, table}, ahead, current);
   if (ORO_FAILED(r)) return r;
   m_listedOnce[{family, table}] = true;
 

@@ -17,7 +17,6 @@
 #pragma once
 
 #include <atomic>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -29,6 +28,7 @@
 #include "firewall/chain_layout.h"
 #include "firewall/firewall_interfaces.h"
 #include "firewall/iptables_rule_compiler.h"
+#include "firewall/listings_ahead.h"
 #include "firewall/wanted_states.h"
 #include "oro/event_publisher.h"
 #include "oro/service.h"
@@ -84,14 +84,6 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
     CompiledPtr compiled;
     std::vector<TaggedRule> dynamicRules;
   };
-  // A table's current state, read on a thread of its own while earlier
-  // tables are being synchronised.
-  struct Listing {
-    oro::result_t result = oro::errOk;
-    State state;
-  };
-  using PendingListings = std::map<TableId, std::future<Listing>>;
-
   // Each runs with m_mutex held for the whole change: what it stores, the
   // synchronisation and, when that fails, the rollback.
   oro::result_t DoSetPacketRules(const settings::FirewallSettings& rules);
@@ -102,15 +94,16 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   // With m_mutex held. `unenforcing` only shows in the trace: what is
   // wanted follows the enforcement switch itself.
   oro::result_t SyncFirewallState(bool unenforcing = false);
-  // `listing`: the table's state read ahead, or null to read it here.
+  // `ahead` holds the tables listed ahead; the others are listed here.
   oro::result_t SyncFirewallTable(types::IPAddressFamily::Type family, const std::string& table, StatePtr& previous,
                                   const StatePtr& next, std::ostringstream& extra, std::ostringstream& missing,
-                                  bool& isIntegrityBroken, std::future<Listing>* listing = nullptr);
+                                  bool& isIntegrityBroken, ListingsAhead& ahead);
+  oro::result_t ReadTable(const TableId& table, ListingsAhead& ahead, State& current);
   // Stores `before` again after a change the kernel refused, and brings
   // the kernel back to it.
   void RollBack(Requested before);
   bool NeedsListing(const TableId& table, const StatePtr& previous, const StatePtr& next);
-  PendingListings ListAhead();
+  ListingsAhead ListAhead();
   oro::result_t PublishIntegrityBrokenEvent(const std::string& extra, const std::string& missing);
 
   // Arms or disarms the timer as PollingNeeded says; called at the end of

@@ -88,6 +88,25 @@ TEST_F(FirewallServiceTest, EnforcingInstallsBothFamiliesPollsAndConverges) {
   EXPECT_TRUE(publisher->events.empty());
 }
 
+// Later tables are listed ahead, on threads of their own, only by tools
+// that wait for the lock the legacy ones take: the others would fail side
+// by side.
+TEST_F(FirewallServiceTest, LaterTablesAreListedAheadOnlyWhereTheToolsWaitForTheirLock) {
+  Enforce(SshSettings());
+  // How many of a poll's listings ran on this thread and how many elsewhere.
+  const auto pollListedOn = [&] {
+    const std::size_t before = kernel->ListingThreads().size();
+    EXPECT_EQ(timer->Fire(), oro::errOk);
+    const auto threads = kernel->ListingThreads();
+    const auto here = std::count(threads.begin() + static_cast<std::ptrdiff_t>(before), threads.end(),
+                                 std::this_thread::get_id());
+    return std::pair<long, long>(here, static_cast<long>(threads.size() - before) - here);
+  };
+  EXPECT_EQ(pollListedOn(), std::pair(1L, 1L));
+  tools->waits = false;
+  EXPECT_EQ(pollListedOn(), std::pair(2L, 0L));
+}
+
 TEST_F(FirewallServiceTest, PollRepairsForeignChangesAndReportsThemOnce) {
   Enforce(SshSettings());
   auto& rules = kernel->FindChain(kFilter4, "vorn_input")->ruleList;
