@@ -45,7 +45,13 @@ class ChainComposer {
     std::size_t tail = 0;
   };
 
+  // More deletes and inserts than this in one owned chain are composed as
+  // a flush and the wanted rules appended.
+  static constexpr std::size_t kRebuildAbove = 256;
+
   void ComposeOwned(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted);
+  void Rebuild(const std::string& chain, const std::vector<Rule>& wanted, std::size_t deletesBefore,
+               std::size_t addsBefore, std::size_t changes);
   void ComposeShared(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted);
   Ends StandingEnds(const RuleRefs& current, const std::vector<Rule>& wanted) const;
   bool ComposeBetween(const std::string& chain, const RuleRefs& current, const std::vector<Rule>& wanted, Ends ends,

@@ -90,6 +90,36 @@ TEST_F(TableReconcilerTest, SmallSettingsChangesGiveSmallScriptsInTheRightPlace)
   EXPECT_TRUE(Sync(Wanted({c, a, u, d})).empty());
 }
 
+// Past a few hundred deletes and inserts in one chain the tools would
+// search the chain for each; the chain is flushed and filled again instead.
+TEST_F(TableReconcilerTest, LargeChangesRebuildTheChainSmallOnesDoNot) {
+  const auto ports = [](int first, int count, int step) {
+    std::vector<Rule> rules;
+    for (int i = 0; i < count; ++i) rules.push_back(R("-p tcp --dport " + std::to_string(first + i * step), "ACCEPT"));
+    return rules;
+  };
+  const auto texts = [](const std::vector<Rule>& rules) {
+    Lines lines;
+    for (const auto& rule : rules) lines.push_back(firewall::RuleText(rule));
+    return lines;
+  };
+  Sync(Wanted(ports(1, 1000, 1)));
+  auto everySecondChanged = ports(1, 1000, 1);
+  for (std::size_t i = 1; i < everySecondChanged.size(); i += 2) everySecondChanged[i] = ports(20000 + static_cast<int>(i), 1, 1)[0];
+  const Lines script = Sync(Wanted(everySecondChanged));
+  ASSERT_EQ(script.size(), 1001u);
+  EXPECT_EQ(script[0], "-F vorn_input");
+  EXPECT_EQ(script[2], "-A vorn_input -p tcp --dport 20001 -j ACCEPT");
+  EXPECT_EQ(Texts("vorn_input"), texts(everySecondChanged));
+  EXPECT_TRUE(traces->Contains("Chain 'vorn_input' is rebuilt instead of 1000 changes"));
+  EXPECT_TRUE(Sync(Wanted(everySecondChanged)).empty());
+
+  auto fewChanged = everySecondChanged;
+  for (std::size_t i = 0; i < 100; ++i) fewChanged[i * 7] = ports(30000 + static_cast<int>(i), 1, 1)[0];
+  EXPECT_EQ(Sync(Wanted(fewChanged)).size(), 200u);
+  EXPECT_EQ(Texts("vorn_input"), texts(fewChanged));
+}
+
 TEST_F(TableReconcilerTest, EqualRulesInAnUnluckyOrderStillEndInTheWantedOrder) {
   const Rule x = R("-p tcp", "ACCEPT"), y = R("-p udp", "ACCEPT");
   Sync(Wanted({x, y, x}));
