@@ -252,10 +252,7 @@ bool ChainComposer::DeletesReachHead(std::span<const Rule* const> head, const Ru
                                      const std::vector<std::string_view>& deletedKeys) const {
   if (head.empty() || deleted.empty()) return false;
   const std::unordered_set<std::string_view> keys(deletedKeys.begin(), deletedKeys.end());
-  const TokenBits deletedTokens = m_shortcuts ? TokenBitsOf(deleted) : TokenBits();
   for (const Rule* rule : head) {
-    // Skip the key of a head rule that no deleted rule can equal.
-    if (m_shortcuts && CannotEqualAny(*rule, deletedTokens)) continue;
     if (keys.count(RuleKey(*rule))) return true;
   }
   return false;

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
 #include <vector>
 
 #include "firewall/chain_rules.h"
@@ -32,15 +31,5 @@ std::size_t TailAsWanted(const RuleRefs& current, const std::vector<Rule>& wante
 // Skip building the wanted rules' keys when no current rule is there to
 // keep (a first install, or rules added where none stood).
 bool NothingToKeep(const RuleRefs& current);
-
-// Skip building the key of a rule that has a match token none of a set of
-// rules has: it cannot equal any of them. The set's tokens are kept as bits
-// of their hashes, so that asking costs a few token hashes, mostly ending
-// at the first token that tells the rule apart, and no allocation.
-struct TokenBits {
-  std::vector<std::uint64_t> words;  // a power of two of them
-};
-TokenBits TokenBitsOf(const RuleRefs& rules);
-bool CannotEqualAny(const Rule& rule, const TokenBits& theirs);
 
 }  // namespace qel::firewall
