@@ -61,7 +61,7 @@ result_t IptablesFirewall::DoGetState(IPAddressFamily::Type family, const std::s
   // Listings run to tens of thousands of rules on every poll: they are
   // parsed while the tool is still printing them.
   State parsed;
-  IptablesListingParser parser(m_tracer.Get(), parsed);
+  IptablesOutputParser parser(m_tracer.Get(), parsed);
   context.outputObserver = [&parser](const std::string& output) { parser.ParseCompleteLines(output); };
   result_t result = RunTool(context);
   if (ORO_FAILED(result)) return result;

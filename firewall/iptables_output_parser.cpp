@@ -140,7 +140,7 @@ void AddRule(Chain& chain, Rule rule) {
 
 }  // namespace
 
-class IptablesListingParser::Impl {
+class IptablesOutputParser::Impl {
  public:
   Impl(oro::ITracer* tracer, State& out) : m_tracer(tracer), m_state(out), m_chains(out) {}
 
@@ -203,25 +203,25 @@ class IptablesListingParser::Impl {
   oro::result_t m_result = oro::errOk;
 };
 
-IptablesListingParser::IptablesListingParser(oro::ITracer* tracer, State& out)
+IptablesOutputParser::IptablesOutputParser(oro::ITracer* tracer, State& out)
     : m_impl(std::make_unique<Impl>(tracer, out)) {}
 
-IptablesListingParser::~IptablesListingParser() = default;
+IptablesOutputParser::~IptablesOutputParser() = default;
 
-void IptablesListingParser::ParseCompleteLines(std::string_view output) noexcept {
+void IptablesOutputParser::ParseCompleteLines(std::string_view output) noexcept {
   const std::size_t lastNewline = output.rfind('\n');
   if (lastNewline == std::string_view::npos || lastNewline < m_impl->Parsed()) return;
   m_impl->ParseUpTo(output, lastNewline + 1);
 }
 
-oro::result_t IptablesListingParser::Finish(std::string_view output) noexcept {
+oro::result_t IptablesOutputParser::Finish(std::string_view output) noexcept {
   m_impl->ParseUpTo(output, output.size());
   return m_impl->Result();
 }
 
 oro::result_t ParseIptablesOutput(oro::ITracer* tracer, std::string_view output, State& out) {
   try {
-    IptablesListingParser parser(tracer, out);
+    IptablesOutputParser parser(tracer, out);
     return parser.Finish(output);
   } catch (const std::bad_alloc&) {
     return oro::errNoMemory;

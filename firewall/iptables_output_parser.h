@@ -27,13 +27,13 @@ oro::result_t ParseIptablesOutput(oro::ITracer* tracer, std::string_view output,
 // The same parse over a listing that is still being read, so that a long
 // listing is parsed while the tool is still printing it. Each call is given
 // the whole text read so far, which only ever grows.
-class IptablesListingParser {
+class IptablesOutputParser {
  public:
   // `out` must outlive the parser and is filled as in ParseIptablesOutput.
-  IptablesListingParser(oro::ITracer* tracer, State& out);
-  ~IptablesListingParser();
-  IptablesListingParser(const IptablesListingParser&) = delete;
-  IptablesListingParser& operator=(const IptablesListingParser&) = delete;
+  IptablesOutputParser(oro::ITracer* tracer, State& out);
+  ~IptablesOutputParser();
+  IptablesOutputParser(const IptablesOutputParser&) = delete;
+  IptablesOutputParser& operator=(const IptablesOutputParser&) = delete;
 
   // Parses the complete lines not parsed yet; never throws. After a failure
   // the rest is ignored and Finish reports it.

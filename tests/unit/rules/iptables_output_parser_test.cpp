@@ -137,7 +137,7 @@ TEST(IptablesOutputParser, ListingReadInPiecesParsesAsAWhole) {
     const oro::result_t wholeResult = ParseIptablesOutput(nullptr, text, whole);
     for (const std::size_t piece : {1, 5, 64}) {
       State state;
-      IptablesListingParser parser(nullptr, state);
+      IptablesOutputParser parser(nullptr, state);
       for (std::size_t read = piece; read < text.size(); read += piece) {
         parser.ParseCompleteLines(std::string_view(text).substr(0, read));
       }
