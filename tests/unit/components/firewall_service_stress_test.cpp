@@ -10,11 +10,8 @@
 #include <set>
 #include <thread>
 
-#include "firewall/firewall_service.h"
 #include "qel_common/string_conv.h"
-#include "support/fake_firewall.h"
-#include "support/fake_framework.h"
-#include "support/fake_kernel.h"
+#include "support/faked_service.h"
 
 namespace qel::test {
 namespace {
@@ -55,17 +52,11 @@ struct Model {
   }
 };
 
-class Stress {
+class Stress : public FakedService {
  public:
   Stress() {
-    locator->Register(tracer);
-    locator->Register(timer);
-    locator->Register(publisher);
-    locator->Register(tools);
-    locator->Register(static_cast<firewall::IFirewallStateQuery*>(kernel.Get()));
     tracer->enabledUpTo = oro::trace_level::Warning;
     kernel->refusedWord = std::to_string(kRefusedPort);
-    if (oro::Failed(CreateInstance(service, locator.Get(), true))) throw std::runtime_error("no service");
     for (const auto port : kPacketRulePorts) packetSettings.push_back(PacketRuleFor(port));
   }
 
@@ -161,13 +152,6 @@ class Stress {
     EXPECT_EQ(packetRules.empty(), !enforced);
   }
 
-  oro::RefPtr<FakeTracer> tracer = Make<FakeTracer>();
-  oro::RefPtr<FakeTimer> timer = Make<FakeTimer>();
-  oro::RefPtr<FakePublisher> publisher = Make<FakePublisher>();
-  oro::RefPtr<FakeKernel> kernel = Make<FakeKernel>();
-  oro::RefPtr<FakeInfoProvider> tools = Make<FakeInfoProvider>();
-  oro::RefPtr<FakeLocator> locator = Make<FakeLocator>();
-  oro::RefPtr<firewall::FirewallService> service;
   std::vector<settings::FirewallSettings> packetSettings;  // one for each of kPacketRulePorts
   Model model;
 };

@@ -5,9 +5,7 @@
 #include <future>
 #include <thread>
 
-#include "support/fake_firewall.h"
-#include "support/fake_framework.h"
-#include "support/fake_kernel.h"
+#include "support/faked_service.h"
 
 namespace qel::test {
 namespace {
@@ -31,17 +29,8 @@ settings::FirewallSettings SshSettings(const std::u16string& port = u"22") {
 
 std::string AgentPortText(int port) { return "-p tcp -m tcp --dport " + std::to_string(port) + " -j ACCEPT"; }
 
-
-class FirewallServiceTest : public ::testing::Test {
+class FirewallServiceTest : public ::testing::Test, protected FakedService {
  protected:
-  void SetUp() override {
-    locator->Register(tracer);
-    locator->Register(timer);
-    locator->Register(publisher);
-    locator->Register(tools);
-    locator->Register(static_cast<firewall::IFirewallStateQuery*>(kernel.Get()));
-    ASSERT_EQ(CreateInstance(service, locator.Get(), true), oro::errOk);
-  }
   // Releasing the service stops the poll and takes every module rule away.
   void TearDown() override {
     kernel->failChange = false;
@@ -56,14 +45,6 @@ class FirewallServiceTest : public ::testing::Test {
     ASSERT_EQ(service->SetEnforce(true), oro::errOk);
   }
   Lines Input() { return kernel->Texts(kFilter4, "vorn_input"); }
-
-  oro::RefPtr<FakeTracer> tracer = Make<FakeTracer>();
-  oro::RefPtr<FakeTimer> timer = Make<FakeTimer>();
-  oro::RefPtr<FakePublisher> publisher = Make<FakePublisher>();
-  oro::RefPtr<FakeKernel> kernel = Make<FakeKernel>();
-  oro::RefPtr<FakeInfoProvider> tools = Make<FakeInfoProvider>();
-  oro::RefPtr<FakeLocator> locator = Make<FakeLocator>();
-  oro::RefPtr<firewall::FirewallService> service;
 };
 
 TEST_F(FirewallServiceTest, EnforcingInstallsBothFamiliesPollsAndConverges) {
