@@ -31,12 +31,6 @@ inline constexpr std::string_view kFilterTable = "filter";
 inline constexpr std::string_view kMangleTable = "mangle";
 inline constexpr std::string_view kNatTable = "nat";
 
-// A dynamic rule with the tag of the client that asked for it.
-struct TaggedRule {
-  RuleDescription description;
-  std::string tag;
-};
-
 class ChainLayout {
  public:
   // The tables the module may hold rules in, in the order they are synced.

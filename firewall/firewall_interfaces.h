@@ -1,6 +1,10 @@
 // Interfaces of the firewall task and of the collaborators it drives.
 #pragma once
 
+#include <compare>
+#include <cstdint>
+#include <vector>
+
 #include "firewall/firewall_settings.h"
 #include "firewall/rule_description.h"
 #include "firewall/rule_model.h"
@@ -30,6 +34,25 @@ struct IPacketRules : oro::IObject {
   virtual oro::result_t SetEnforce(bool doEnforce) noexcept = 0;
 };
 
+// One port of the administration agent: `protocol` 0 TCP, 1 UDP;
+// `direction` 0 IN, 1 OUT, 2 INOUT.
+struct OstraPort {
+  std::uint32_t port = 0;
+  std::uint32_t protocol = 0;
+  std::uint32_t direction = 0;
+
+  auto operator<=>(const OstraPort&) const = default;
+};
+using OstraPortList = std::vector<OstraPort>;
+
+// The administration agent's port list.
+struct IOstraPorts : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::IOstraPorts;
+  virtual oro::result_t SetOstraPorts(const OstraPortList& ports) noexcept = 0;
+  // The current ports, each once, ordered by port, protocol, direction.
+  virtual oro::result_t GetOstraPorts(OstraPortList& out) noexcept = 0;
+};
+
 // Whether the administration agent's ports are kept open.
 struct IOstraPortsControl : oro::IObject {
   static constexpr oro::iid_t iid = oro::iid::IOstraPortsControl;
@@ -42,6 +65,19 @@ struct IDynamicRules : oro::IObject {
   virtual oro::result_t AddRules(const RuleDescriptions& rules, const std::string& tag) noexcept = 0;
   // Removes every stored rule equal to one of `rules`, whatever its tag.
   virtual oro::result_t RemoveRules(const RuleDescriptions& rules) noexcept = 0;
+};
+
+// What the service holds and does, for a host to show.
+struct FirewallStatus {
+  bool enforcing = false;
+  bool polling = false;  // the poll timer is armed
+  bool inForce = false;  // the last synchronisation succeeded
+  std::vector<TaggedRule> dynamicRules;  // in the order they were added
+};
+
+struct IFirewallStatus : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::IFirewallStatus;
+  virtual oro::result_t GetStatus(FirewallStatus& out) noexcept = 0;
 };
 
 // Reads one table of one address family from the kernel.

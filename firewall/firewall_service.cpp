@@ -305,6 +305,22 @@ result_t FirewallService::UpdatePolling() {
   return oro::errOk;
 }
 
+result_t FirewallService::GetStatus(FirewallStatus& out) noexcept {
+  return tracing::Guarded(m_tracer, "GetStatus", [&] {
+    FirewallStatus status;
+    {
+      std::lock_guard pollLock(m_pollMutex);
+      status.polling = m_polling;
+    }
+    std::lock_guard lock(m_mutex);
+    status.enforcing = m_requested.enforce;
+    status.inForce = m_inForce;
+    status.dynamicRules = m_requested.dynamicRules;
+    out = std::move(status);
+    return oro::errOk;
+  });
+}
+
 result_t FirewallService::RunPoll() noexcept {
   return tracing::Guarded(m_tracer, "RunPoll", [&] {
     m_tracer.Write(Detail, "RunPoll", "() ");

@@ -40,7 +40,8 @@ namespace qel::firewall {
 
 class PollHandler;
 
-class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynamicRules, oro::IServiceShutdown> {
+class FirewallService
+    : public ObjectImpl<FirewallService, IPacketRules, IDynamicRules, oro::IServiceShutdown, IFirewallStatus> {
  public:
   static constexpr std::uint32_t Interval = 60000;  // poll period, milliseconds
 
@@ -60,6 +61,9 @@ class FirewallService : public ObjectImpl<FirewallService, IPacketRules, IDynami
   oro::result_t RemoveRules(const RuleDescriptions& rules) noexcept override;
   // IServiceShutdown
   oro::result_t OnShutdown() noexcept override;
+
+  // IFirewallStatus
+  oro::result_t GetStatus(FirewallStatus& out) noexcept override;
 
   // The timer's job.
   oro::result_t RunPoll() noexcept;

@@ -152,6 +152,14 @@ struct RuleDescription {
 
 using RuleDescriptions = std::vector<RuleDescription>;
 
+// A dynamic rule with the tag of the client that asked for it.
+struct TaggedRule {
+  RuleDescription description;
+  std::string tag;
+
+  bool operator==(const TaggedRule&) const = default;
+};
+
 // The kind word of a kind index ("raw", "access", ... "bypass"). An index
 // outside the kinds throws oro::Exception(errUnexpected, "Unexpected index").
 const char* KindWord(std::size_t kindIndex);

@@ -37,6 +37,8 @@ inline constexpr iid_t IFirewallStateQuery = 0x2a7f5c39;
 inline constexpr iid_t IFirewallStateChange = 0x6d0e9b4a;
 inline constexpr iid_t IIptablesInfoProvider = 0x35b8c6e2;
 inline constexpr iid_t IFeatureTechsAggregator = 0x70c4a9d1;
+inline constexpr iid_t IFirewallStatus = 0x5e93b1d7;
+inline constexpr iid_t ILumraModePortsExclude = 0x2b7c4f08;
 }  // namespace iid
 
 namespace clsid {

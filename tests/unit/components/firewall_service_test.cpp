@@ -145,6 +145,10 @@ TEST_F(FirewallServiceTest, DynamicRulesArePolledWhileHeldEvenWithEnforcementOff
   ASSERT_EQ(service->AddRules({AgentPort(4000)}, "ostra"), oro::errOk);
   EXPECT_EQ(Input(), (Lines{AgentPortText(4000)}));
   EXPECT_TRUE(timer->Armed());  // watched although nothing is enforced
+  firewall::FirewallStatus status;
+  ASSERT_EQ(service->GetStatus(status), oro::errOk);
+  EXPECT_TRUE(status.polling && status.inForce && !status.enforcing);
+  EXPECT_EQ(status.dynamicRules, (std::vector<firewall::TaggedRule>{{AgentPort(4000), "ostra"}}));
   ASSERT_EQ(service->RemoveRules({AgentPort(4000)}), oro::errOk);
   EXPECT_EQ(kernel->FindChain(kFilter4, "vorn_input"), nullptr);
   EXPECT_FALSE(timer->Armed());
