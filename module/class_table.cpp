@@ -2,6 +2,7 @@
 
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
+#include "firewall/ostra_ports.h"
 #include "module/class_factory.h"
 #include "module/module_firewall_service.h"
 #include "module/module_firewall_task.h"
@@ -11,11 +12,13 @@ namespace {
 
 using FirewallServiceFactory = ClassFactory<&Create<ModuleFirewallService, firewall::IPacketRules>>;
 using FirewallTaskFactory = ClassFactory<&Create<ModuleFirewallTask, oro::ITask>>;
+using OstraPortsFactory = ClassFactory<&Create<firewall::OstraPorts, firewall::IOstraPorts>>;
 
 // Searched in this order.
 constexpr FactoryEntry kFactoryClasses[] = {
     {oro::clsid::FirewallService, &FirewallServiceFactory::Make},
     {oro::clsid::FirewallTask, &FirewallTaskFactory::Make},
+    {oro::clsid::OstraPorts, &OstraPortsFactory::Make},
 };
 
 // Searched in this order. Each class keeps its fixed position: the isolation
