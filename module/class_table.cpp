@@ -2,6 +2,7 @@
 
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
+#include "firewall/lumra_mode_ports_exclude.h"
 #include "firewall/ostra_ports.h"
 #include "module/class_factory.h"
 #include "module/module_firewall_service.h"
@@ -22,11 +23,13 @@ constexpr FactoryEntry kFactoryClasses[] = {
 };
 
 // Searched in this order. Each class keeps its fixed position: the isolation
-// manager, isolation facade, virtualisation-mode port exclusion, bridge
-// controller and NFLOG listener factory come before the iptables firewall,
-// the qdisc controller and interface provider after the info provider; their
-// entries come with their classes.
+// manager and isolation facade come before the virtualisation-mode port
+// exclusion, the bridge controller and NFLOG listener factory after it and
+// before the iptables firewall, the qdisc controller and interface provider
+// after the info provider; their entries come with their classes.
 constexpr ClassEntry kDirectClasses[] = {
+    {oro::clsid::LumraModePortsExclude,
+     &Create<firewall::LumraModePortsExclude, firewall::ILumraModePortsExclude>},
     {oro::clsid::IptablesFirewall, &Create<firewall::IptablesFirewall, firewall::IFirewallStateQuery>},
     {oro::clsid::IptablesInfoProvider, &Create<firewall::IptablesInfoProvider, firewall::IIptablesInfoProvider>},
 };
