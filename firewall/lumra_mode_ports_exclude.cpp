@@ -134,8 +134,9 @@ result_t LumraModePortsExclude::HostType(ILumraHostType* service, std::string& h
     return oro::errFalse;
   }
   const result_t r = QEL_CHECKED_CALL(m_tracer, service->GetHostType(hostType), "Cannot get the lumra host type");
-  if (r == oro::errFalse)
+  if (r == oro::errFalse) {
     m_tracer.Write(Warning, "lumra ports: the host is in no virtualisation mode, nothing to apply");
+  }
   return r;
 }
 
@@ -145,8 +146,9 @@ result_t LumraModePortsExclude::PortsFilePath(ILumraPortsFile* service, std::str
     if (r != oro::errFalse) return r;
   }
   const result_t r = ShippedPortsFile(path);
-  if (ORO_FAILED(r))
+  if (ORO_FAILED(r)) {
     m_tracer.Write(Error, "Cannot find the module's own path to read ", kShippedFileName, " beside it");
+  }
   return r;
 }
 
