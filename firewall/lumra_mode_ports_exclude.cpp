@@ -164,10 +164,11 @@ result_t LumraModePortsExclude::AddRules(const RuleDescriptions& rules) {
   return r;
 }
 
+// The result line comes last: it tells whoever waits that the apply is over.
 void LumraModePortsExclude::TraceResult(result_t result) {
+  if (result == oro::errAlreadyExists) m_tracer.Write(Warning, "Rules have been already applied");
   m_tracer.Write(ORO_FAILED(result) && result != oro::errAlreadyExists ? Error : Warning,
                  "Apply lumra exclusion rules result:", " ", tracing::FormatResult(result));
-  if (result == oro::errAlreadyExists) m_tracer.Write(Warning, "Rules have been already applied");
 }
 
 }  // namespace qel::firewall
