@@ -349,7 +349,7 @@ FirewallService::StatePtr FirewallService::WantedState(IPAddressFamily::Type fam
   const Compiled* compiled = m_requested.enforce ? m_requested.compiled.get() : nullptr;
   const CompiledRules* forFamily = nullptr;
   if (compiled) forFamily = family == IPAddressFamily::IPv4 ? &compiled->ipv4 : &compiled->ipv6;
-  return m_wanted.Get(family, table, forFamily, m_requested.dynamicRules);
+  return m_wanted.Get(family, table, forFamily, m_requested.dynamicRules, m_suitableConntrack);
 }
 
 result_t FirewallService::SyncFirewallState(bool unenforcing) {
