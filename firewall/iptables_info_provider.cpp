@@ -7,9 +7,9 @@
 #include <tuple>
 
 #include "oro/exception.h"
-#include "qel_tracing/guard.h"
 #include "qel_common/feature_techs_aggregator.h"
 #include "qel_common/service_locator.h"
+#include "qel_tracing/guard.h"
 
 namespace qel::firewall {
 
@@ -110,9 +110,10 @@ void IptablesInfoProvider::FetchVersion(const ToolRunner& runTool) {
     m_tracer.Write(Skipped, boost::format("Can not determine version of %1% tool") % kIptables);
     return;
   }
+  m_tracer.Write(Detail, boost::format("Version of %1% tool: %2%.%3%.%4%") % kIptables % m_version->major %
+                             m_version->minor % m_version->patch);
   m_backend = FindToolBackend(*context.output);
-  m_tracer.Write(Detail, boost::format("Version of %1% tool: %2%.%3%.%4%, %5%") % kIptables % m_version->major %
-                             m_version->minor % m_version->patch %
+  m_tracer.Write(Detail, boost::format("Backend of %1% tool: %2%") % kIptables %
                              (*m_backend == ToolBackend::NfTables ? "nf_tables" : "legacy"));
 }
 
