@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <unordered_set>
 #include <variant>
+
+#include "firewall/rule_key.h"
 
 namespace qel::firewall {
 namespace {
@@ -55,90 +58,153 @@ Rule Plain(Tokens match, Tokens target) {
   return rule;
 }
 
-// The translations of the dynamic rules placed at `where` on `side`, in the
-// order they were added.
-std::vector<Rule> DynamicRules(const std::vector<TaggedRule>& dynamic, IPAddressFamily::Type family, Placement where,
-                               Side side) {
-  std::vector<Rule> rules;
-  for (const auto& [description, tag] : dynamic) {
-    if (description.side != side || PlacementOf(description.action) != where) continue;
-    if (auto rule = TranslateDescription(description, family, side)) {
-      rule->tag = tag;
-      rules.push_back(std::move(*rule));
-    }
-  }
-  return rules;
+Side OtherSide(Side side) { return side == Side::Incoming ? Side::Outgoing : Side::Incoming; }
+
+bool IsAccept(std::uint32_t verdict) { return verdict != 1 && verdict != 2; }
+
+// Kinds that let a connection through on one side, whose replies would
+// otherwise meet the administrator's rules on the other side (a blocking
+// default drops them there, as does isolation): they stand there too, for
+// the established connection's replies only. A queue's program sees the
+// replies as well, so that its verdict holds for the whole connection.
+bool NeedsReplyCompanion(const RuleAction& action) {
+  if (const auto* access = std::get_if<AccessAction>(&action)) return IsAccept(access->action);
+  if (const auto* isolation = std::get_if<IsolationAction>(&action)) return IsAccept(isolation->action);
+  return std::holds_alternative<QueueAction>(action) || std::holds_alternative<BypassAction>(action);
 }
 
-void Append(std::vector<Rule>& to, std::vector<Rule> rules) {
-  to.insert(to.end(), std::make_move_iterator(rules.begin()), std::make_move_iterator(rules.end()));
+// The companion matches the replies of the connections the description lets
+// through. Conditions on single packets (their state, direction, mark and
+// TCP flags) say which packets open or carry the connection, not which
+// replies it gets, so they are left out; the connection state and the
+// reply direction take their place.
+std::optional<Rule> ReplyCompanion(RuleDescription description, IPAddressFamily::Type family, bool suitableConntrack) {
+  description.ctstate.reset();
+  description.ctdir.reset();
+  description.mark.reset();
+  description.excludeMark.reset();
+  description.tcpFlags.reset();
+  // A kernel that cannot tell directions apart sees them the other way round.
+  const ConnDirection reply = suitableConntrack ? ConnDirection::Reply : ConnDirection::Original;
+  return TranslateEstablished(description, family, OtherSide(description.side), reply);
+}
+
+// The rules of one of the module's chains. A rule equal to one already in
+// the chain is left out: clients with different tags that want the same
+// rule get it once, and it stays while any of them holds it.
+class ChainRuleList {
+ public:
+  void Add(Rule rule) {
+    if (m_keys.insert(RuleKey(rule)).second) m_rules.push_back(std::move(rule));
+  }
+  // Rules that are not the dynamic rules' own, such as the administrator's,
+  // which may equal a dynamic rule and still stand in their own place.
+  void AddUnchecked(Rule rule) { m_rules.push_back(std::move(rule)); }
+  bool Empty() const { return m_rules.empty(); }
+  std::vector<Rule> Take() { return std::move(m_rules); }
+
+ private:
+  std::vector<Rule> m_rules;
+  std::unordered_set<std::string> m_keys;
+};
+
+struct DynamicContext {
+  const std::vector<TaggedRule>& dynamic;
+  IPAddressFamily::Type family;
+  bool suitableConntrack;
+};
+
+// Adds the dynamic rules placed at `where` on `side`, and the reply
+// companions of those placed there on the other side, in the order the
+// rules were added.
+void AddDynamicRules(ChainRuleList& to, const DynamicContext& context, Placement where, Side side) {
+  for (const auto& [description, tag] : context.dynamic) {
+    if (PlacementOf(description.action) != where) continue;
+    std::optional<Rule> rule;
+    if (description.side == side) {
+      rule = TranslateDescription(description, context.family, side);
+    } else if (NeedsReplyCompanion(description.action)) {
+      rule = ReplyCompanion(description, context.family, context.suitableConntrack);
+    }
+    if (!rule) continue;
+    rule->tag = tag;
+    to.Add(std::move(*rule));
+  }
+}
+
+bool HasPlacement(const std::vector<TaggedRule>& dynamic, Placement where) {
+  return std::any_of(dynamic.begin(), dynamic.end(),
+                     [where](const TaggedRule& rule) { return PlacementOf(rule.description.action) == where; });
 }
 
 // A chain with rules, reached from `builtin` by one jump at its head.
-void AddReached(State& state, std::string_view builtin, std::string_view chain, std::vector<Rule> rules) {
-  if (rules.empty()) return;
+void AddReached(State& state, std::string_view builtin, std::string_view chain, ChainRuleList rules) {
+  if (rules.Empty()) return;
   state.chainList.push_back(Chain{std::string(builtin), {Jump(chain)}});
-  state.chainList.push_back(Chain{std::string(chain), std::move(rules)});
+  state.chainList.push_back(Chain{std::string(chain), rules.Take()});
 }
 
 // A chain with rules, reached from one of the module's own chains.
-void AddInner(State& state, std::string_view chain, std::vector<Rule> rules) {
-  if (!rules.empty()) state.chainList.push_back(Chain{std::string(chain), std::move(rules)});
+void AddInner(State& state, std::string_view chain, ChainRuleList rules) {
+  if (!rules.Empty()) state.chainList.push_back(Chain{std::string(chain), rules.Take()});
 }
 
-// Isolation cuts the host off: loopback stays, the isolation rules let
-// their exceptions through, everything else is dropped.
-std::vector<Rule> IsolationChain(std::vector<Rule> exceptions, Side side) {
-  if (exceptions.empty()) return {};
-  std::vector<Rule> rules;
-  rules.push_back(Plain({side == Side::Incoming ? "-i" : "-o", "lo"}, {"ACCEPT"}));
-  Append(rules, std::move(exceptions));
-  rules.push_back(Plain({}, {"DROP"}));
+ChainRuleList Placed(const DynamicContext& context, Placement where, Side side) {
+  ChainRuleList rules;
+  AddDynamicRules(rules, context, where, side);
+  return rules;
+}
+
+// Isolation cuts the host off on both sides and in both families as soon
+// as any isolation rule is given, whatever side and family its exceptions
+// name: loopback stays, the exceptions and their replies pass, everything
+// else is dropped.
+ChainRuleList IsolationChain(const DynamicContext& context, Side side) {
+  ChainRuleList rules;
+  rules.AddUnchecked(Plain({side == Side::Incoming ? "-i" : "-o", "lo"}, {"ACCEPT"}));
+  AddDynamicRules(rules, context, Placement::Isolation, side);
+  rules.AddUnchecked(Plain({}, {"DROP"}));
   return rules;
 }
 
 // vorn_input / vorn_output: bypass rules first (they return to the built-in
 // chain, skipping the module), then isolation, then the other dynamic
 // rules, then the administrator's rules.
-std::vector<Rule> FilterChain(IPAddressFamily::Type family, const std::vector<TaggedRule>& dynamic, Side side,
-                              bool hasIsolation, const std::vector<Rule>* compiled) {
-  std::vector<Rule> rules = DynamicRules(dynamic, family, Placement::Bypass, side);
-  if (hasIsolation) rules.push_back(Jump(side == Side::Incoming ? kPreIsolation : kPostIsolation));
-  Append(rules, DynamicRules(dynamic, family, Placement::Filter, side));
-  if (compiled) rules.insert(rules.end(), compiled->begin(), compiled->end());
+ChainRuleList FilterChain(const DynamicContext& context, Side side, bool isolated, const std::vector<Rule>* compiled) {
+  ChainRuleList rules = Placed(context, Placement::Bypass, side);
+  if (isolated) rules.AddUnchecked(Jump(side == Side::Incoming ? kPreIsolation : kPostIsolation));
+  AddDynamicRules(rules, context, Placement::Filter, side);
+  if (compiled) {
+    for (const auto& rule : *compiled) rules.AddUnchecked(rule);
+  }
   return rules;
 }
 
-State FilterState(IPAddressFamily::Type family, const CompiledRules* compiled, const std::vector<TaggedRule>& dynamic) {
-  auto preIsolation = IsolationChain(DynamicRules(dynamic, family, Placement::Isolation, Side::Incoming),
-                                     Side::Incoming);
-  auto postIsolation = IsolationChain(DynamicRules(dynamic, family, Placement::Isolation, Side::Outgoing),
-                                      Side::Outgoing);
+State FilterState(const DynamicContext& context, const CompiledRules* compiled) {
+  const bool isolated = HasPlacement(context.dynamic, Placement::Isolation);
   State state;
-  AddReached(
-      state, kInputChain, kModuleInput,
-      FilterChain(family, dynamic, Side::Incoming, !preIsolation.empty(), compiled ? &compiled->incoming : nullptr));
-  AddReached(
-      state, kOutputChain, kModuleOutput,
-      FilterChain(family, dynamic, Side::Outgoing, !postIsolation.empty(), compiled ? &compiled->outgoing : nullptr));
-  AddInner(state, kPreIsolation, std::move(preIsolation));
-  AddInner(state, kPostIsolation, std::move(postIsolation));
+  AddReached(state, kInputChain, kModuleInput,
+             FilterChain(context, Side::Incoming, isolated, compiled ? &compiled->incoming : nullptr));
+  AddReached(state, kOutputChain, kModuleOutput,
+             FilterChain(context, Side::Outgoing, isolated, compiled ? &compiled->outgoing : nullptr));
+  if (isolated) {
+    AddInner(state, kPreIsolation, IsolationChain(context, Side::Incoming));
+    AddInner(state, kPostIsolation, IsolationChain(context, Side::Outgoing));
+  }
   return state;
 }
 
-State MangleState(IPAddressFamily::Type family, const std::vector<TaggedRule>& dynamic) {
+State MangleState(const DynamicContext& context) {
   State state;
-  AddReached(state, kPreroutingChain, kModulePrerouting,
-             DynamicRules(dynamic, family, Placement::Mangle, Side::Incoming));
-  AddReached(state, kOutputChain, kModuleOutput, DynamicRules(dynamic, family, Placement::Mangle, Side::Outgoing));
+  AddReached(state, kPreroutingChain, kModulePrerouting, Placed(context, Placement::Mangle, Side::Incoming));
+  AddReached(state, kOutputChain, kModuleOutput, Placed(context, Placement::Mangle, Side::Outgoing));
   return state;
 }
 
-State NatState(IPAddressFamily::Type family, const std::vector<TaggedRule>& dynamic) {
+State NatState(const DynamicContext& context) {
   State state;
-  AddReached(state, kPreroutingChain, kModulePrerouting, DynamicRules(dynamic, family, Placement::Nat, Side::Incoming));
-  AddReached(state, kPostroutingChain, kModulePostrouting,
-             DynamicRules(dynamic, family, Placement::Nat, Side::Outgoing));
+  AddReached(state, kPreroutingChain, kModulePrerouting, Placed(context, Placement::Nat, Side::Incoming));
+  AddReached(state, kPostroutingChain, kModulePostrouting, Placed(context, Placement::Nat, Side::Outgoing));
   return state;
 }
 
@@ -159,10 +225,11 @@ ChainKind ChainLayout::KindOf(std::string_view chain) {
 }
 
 State ChainLayout::WantedState(IPAddressFamily::Type family, std::string_view table, const CompiledRules* compiled,
-                               const std::vector<TaggedRule>& dynamic) {
-  if (table == kFilterTable) return FilterState(family, compiled, dynamic);
-  if (table == kMangleTable) return MangleState(family, dynamic);
-  if (table == kNatTable) return NatState(family, dynamic);
+                               const std::vector<TaggedRule>& dynamic, bool suitableConntrack) {
+  const DynamicContext context{dynamic, family, suitableConntrack};
+  if (table == kFilterTable) return FilterState(context, compiled);
+  if (table == kMangleTable) return MangleState(context);
+  if (table == kNatTable) return NatState(context);
   return {};
 }
 

@@ -50,11 +50,14 @@ class ChainLayout {
   }
 
   // The rules the module wants in `table` of `family`: the compiled packet
-  // rules (none while not enforcing), and the dynamic rules by kind and side.
-  // Chains come in layout order; a chain without rules is left out, and so
-  // is the jump to it.
+  // rules (none while not enforcing), and the dynamic rules by kind and side,
+  // each distinct rule once, with the reply companions of the kinds that
+  // need them. `suitableConntrack` as for CompileRules: without it the
+  // companions' direction word is swapped. Chains come in layout order; a
+  // chain without rules is left out, and so is the jump to it.
   static State WantedState(types::IPAddressFamily::Type family, std::string_view table,
-                           const CompiledRules* compiled, const std::vector<TaggedRule>& dynamic);
+                           const CompiledRules* compiled, const std::vector<TaggedRule>& dynamic,
+                           bool suitableConntrack);
 
  private:
   static constexpr std::array<std::string_view, 5> kBuiltinChains = {kPreroutingChain, kInputChain, kForwardChain,

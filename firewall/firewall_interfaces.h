@@ -3,6 +3,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "firewall/firewall_settings.h"
@@ -106,6 +107,12 @@ struct IIptablesInfoProvider : oro::IObject {
   // "-w" (wait for the xtables lock) exists from 1.4.20 on.
   virtual bool SupportsWaitOption() const noexcept = 0;
   virtual bool IsIpv6Supported() const noexcept = 0;
+  // Replaces `out` with the names of the tables of `family` that exist now
+  // for these tools ("filter", "mangle", "nat", ...), found without creating
+  // any: listing a table with the tools may create it. Leaves `out` as it
+  // was on failure.
+  virtual oro::result_t GetExistingTables(types::IPAddressFamily::Type family,
+                                          std::vector<std::string>& out) const noexcept = 0;
 };
 
 // Rule groups of several clients, changed one client at a time and handed to

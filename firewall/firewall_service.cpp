@@ -349,11 +349,12 @@ FirewallService::StatePtr FirewallService::WantedState(IPAddressFamily::Type fam
   const Compiled* compiled = m_requested.enforce ? m_requested.compiled.get() : nullptr;
   const CompiledRules* forFamily = nullptr;
   if (compiled) forFamily = family == IPAddressFamily::IPv4 ? &compiled->ipv4 : &compiled->ipv6;
-  return m_wanted.Get(family, table, forFamily, m_requested.dynamicRules);
+  return m_wanted.Get(family, table, forFamily, m_requested.dynamicRules, m_suitableConntrack);
 }
 
 result_t FirewallService::SyncFirewallState(bool unenforcing) {
   m_tracer.Write(Detail, "SyncFirewallState", "() ", "unenforcing=", unenforcing ? "true" : "false");
+  FindTablesToCheckForLeftovers();
   ListingsAhead ahead = ListAhead();
   std::vector<std::pair<TableId, StatePtr>> wanted;
   for (auto family : Families()) {
@@ -381,10 +382,41 @@ result_t FirewallService::SyncFirewallState(bool unenforcing) {
 }
 
 // A table the module neither holds nor wants rules in is not listed: it
-// costs nothing, and listing may create it. Only the filter table is looked
-// at once in any case, to clean up after a module that died.
+// costs nothing, and listing may create it. Only a table that exists is
+// looked at once in any case, to clean up after a module that died.
 bool FirewallService::NeedsListing(const TableId& table, const StatePtr& previous, const StatePtr& next) {
-  return !IsEmpty(previous.get()) || !IsEmpty(next.get()) || (!m_listedOnce[table] && table.second == kFilterTable);
+  return !IsEmpty(previous.get()) || !IsEmpty(next.get()) ||
+         (!m_checkedForLeftovers.count(table) && m_mayHoldLeftovers.count(table));
+}
+
+// A table that does not exist holds nothing of an earlier run, and a table
+// is created only by the module's own rules from then on: each family's
+// tables are read until every one was looked at. When they cannot be read,
+// every table may exist, and is listed: leftovers of a module that died can
+// cut the host off, while an empty table costs nothing.
+void FirewallService::FindTablesToCheckForLeftovers() {
+  m_mayHoldLeftovers.clear();
+  for (const auto family : Families()) {
+    std::vector<TableId> unchecked;
+    for (const auto& table : ChainLayout::Tables()) {
+      if (!m_checkedForLeftovers.count({family, table})) unchecked.emplace_back(family, table);
+    }
+    if (unchecked.empty()) continue;
+    std::vector<std::string> existing;
+    const result_t r = m_infoProvider->GetExistingTables(family, existing);
+    if (ORO_FAILED(r)) {
+      m_tracer.Write(Warning, "SyncFirewallState", ": ", "Cannot tell which ", settings::EnumToString(family),
+                     " tables exist, each is looked at for leftovers");
+    }
+    for (const auto& tableId : unchecked) {
+      const bool exists = std::find(existing.begin(), existing.end(), tableId.second) != existing.end();
+      if (exists || ORO_FAILED(r)) {
+        m_mayHoldLeftovers.insert(tableId);
+      } else {
+        m_checkedForLeftovers.insert(tableId);
+      }
+    }
+  }
 }
 
 // While the first table that will surely be listed is listed and
@@ -442,7 +474,7 @@ result_t FirewallService::SyncFirewallTable(IPAddressFamily::Type family, const 
   State current;
   result_t r = ReadTable({family, table}, ahead, current);
   if (ORO_FAILED(r)) return r;
-  m_listedOnce[{family, table}] = true;
+  m_checkedForLeftovers.insert({family, table});
 
   const State& installed = StateOrEmpty(previous);
   const TableSyncResult sync = TableReconciler(m_tracer, prefix).Reconcile(installed, current, *next);

@@ -20,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -107,6 +108,9 @@ class FirewallService
   // the kernel back to it.
   void RollBack(Requested before);
   bool NeedsListing(const TableId& table, const StatePtr& previous, const StatePtr& next);
+  // Finds, among the tables not yet looked at for what an earlier run of
+  // the module left behind, those that exist; the others hold nothing.
+  void FindTablesToCheckForLeftovers();
   ListingsAhead ListAhead();
   oro::result_t PublishIntegrityBrokenEvent(const std::string& extra, const std::string& missing);
 
@@ -146,7 +150,11 @@ class FirewallService
   // Built from m_requested on first use; forgotten whenever it changes.
   WantedStates m_wanted;
   std::map<TableId, StatePtr> m_previousState;  // null: nothing installed
-  std::map<TableId, bool> m_listedOnce;
+  // Tables looked at once for what an earlier run left behind: listed, or
+  // found not to exist.
+  std::set<TableId> m_checkedForLeftovers;
+  // Tables not yet checked that exist, or may: they are listed once.
+  std::set<TableId> m_mayHoldLeftovers;
 };
 
 }  // namespace qel::firewall

@@ -9,6 +9,7 @@
 #include "oro/exception.h"
 #include "qel_common/feature_techs_aggregator.h"
 #include "qel_common/service_locator.h"
+#include "qel_tracing/guard.h"
 
 namespace qel::firewall {
 
@@ -74,6 +75,10 @@ std::optional<IptablesVersion> FindIptablesVersion(std::string_view text) {
   return version;
 }
 
+ToolBackend FindToolBackend(std::string_view versionText) {
+  return versionText.find("(nf_tables)") != std::string_view::npos ? ToolBackend::NfTables : ToolBackend::Legacy;
+}
+
 IptablesInfoProvider::IptablesInfoProvider(oro::IServiceLocator* locator, ToolRunner runTool) {
   result_t ignored;
   m_tracer = tracing::Tracer(TryGetInterface<oro::ITracer>(locator, ignored));
@@ -107,6 +112,9 @@ void IptablesInfoProvider::FetchVersion(const ToolRunner& runTool) {
   }
   m_tracer.Write(Detail, boost::format("Version of %1% tool: %2%.%3%.%4%") % kIptables % m_version->major %
                              m_version->minor % m_version->patch);
+  m_backend = FindToolBackend(*context.output);
+  m_tracer.Write(Detail, boost::format("Backend of %1% tool: %2%") % kIptables %
+                             (*m_backend == ToolBackend::NfTables ? "nf_tables" : "legacy"));
 }
 
 void IptablesInfoProvider::FetchIpv6Support(const ToolRunner& runTool) {
@@ -147,5 +155,21 @@ const char* IptablesInfoProvider::GetIp6tablesRestore() const noexcept { return 
 bool IptablesInfoProvider::IsVersionAtLeast_1_4_8() const noexcept { return IsVersionAtLeast(kVersion_1_4_8); }
 bool IptablesInfoProvider::SupportsWaitOption() const noexcept { return IsVersionAtLeast(kFirstWithWaitOption); }
 bool IptablesInfoProvider::IsIpv6Supported() const noexcept { return m_ipv6Supported; }
+
+oro::result_t IptablesInfoProvider::GetExistingTables(types::IPAddressFamily::Type family,
+                                                      std::vector<std::string>& out) const noexcept {
+  return tracing::Guarded(m_tracer, "GetExistingTables", [&] {
+    if (!m_backend) {
+      m_tracer.Write(Skipped, "GetExistingTables", ": ", "the backend of the tools is not known");
+      return oro::errInvalidState;
+    }
+    const result_t result = ExistingTablesReader(*m_backend).Read(family, out);
+    if (ORO_FAILED(result)) {
+      QEL_TRACE_FAILED_CALL(m_tracer, "ExistingTablesReader(*m_backend).Read(family, out)", result,
+                            "Cannot read which tables exist");
+    }
+    return result;
+  });
+}
 
 }  // namespace qel::firewall

@@ -1,13 +1,17 @@
 // What the host's iptables tools can do, found out once when the object is
-// built: the tools' version (which decides whether "-w" may be passed) and
-// whether the IPv6 tool is usable.
+// built: the tools' version (which decides whether "-w" may be passed), the
+// kernel interface behind them, and whether the IPv6 tool is usable. It also
+// tells which tables exist for those tools, without creating any.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
+#include "firewall/existing_tables_reader.h"
 #include "firewall/firewall_interfaces.h"
 #include "qel_common/object_impl.h"
 #include "qel_common/secure_spawn.h"
@@ -31,6 +35,10 @@ struct IptablesVersion {
 // triple or a number does not fit.
 std::optional<IptablesVersion> FindIptablesVersion(std::string_view text);
 
+// The backend that "iptables -V" names after the version: "(nf_tables)" or
+// "(legacy)"; versions before both existed name none and are legacy.
+ToolBackend FindToolBackend(std::string_view versionText);
+
 class IptablesInfoProvider : public ObjectImpl<IptablesInfoProvider, IIptablesInfoProvider> {
  public:
   // Probes the tools through `runTool` and reports the capabilities to the
@@ -48,6 +56,11 @@ class IptablesInfoProvider : public ObjectImpl<IptablesInfoProvider, IIptablesIn
   bool SupportsWaitOption() const noexcept override;
   bool IsIpv6Supported() const noexcept override;
 
+  // The IPv6 tool is taken to use the IPv4 tool's backend. Fails when the
+  // tools' version, and so their backend, is not known.
+  oro::result_t GetExistingTables(types::IPAddressFamily::Type family,
+                                  std::vector<std::string>& out) const noexcept override;
+
  private:
   void FetchVersion(const ToolRunner& runTool);
   void FetchIpv6Support(const ToolRunner& runTool);
@@ -56,6 +69,7 @@ class IptablesInfoProvider : public ObjectImpl<IptablesInfoProvider, IIptablesIn
 
   tracing::Tracer m_tracer;
   std::optional<IptablesVersion> m_version;
+  std::optional<ToolBackend> m_backend;
   bool m_ipv6Supported = false;
 };
 

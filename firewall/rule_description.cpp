@@ -1,5 +1,7 @@
 #include "firewall/rule_description.h"
 
+#include <netdb.h>
+
 #include <algorithm>
 #include <charconv>
 #include <ostream>
@@ -30,7 +32,11 @@ std::string Hex(std::uint32_t value) {
 
 std::string Decimal(std::uint32_t value) { return std::to_string(value); }
 
-std::string MaskedText(const MarkMatch& mark) { return Hex(mark.value) + "/" + Hex(mark.mask.value_or(mark.value)); }
+// The listing leaves out a mask of all ones, so it is not written either.
+std::string MaskedText(const MarkMatch& mark) {
+  const std::uint32_t mask = mark.mask.value_or(mark.value);
+  return mask == 0xffffffff ? Hex(mark.value) : Hex(mark.value) + "/" + Hex(mask);
+}
 
 const char* ConnStateName(ConnState state) {
   switch (state) {
@@ -56,8 +62,10 @@ const char* AddressTypeName(AddressType type) {
   return "";
 }
 
-// Numbers that iptables knows by name; any other protocol is written as its
-// number, which iptables accepts as well.
+// The listing prints a protocol by the name it knows for it: its own few
+// names first, then the first name of the number in the system's protocol
+// database, else the number. Written the same way, the module's rules are
+// recognised when they come back.
 std::string ProtocolName(std::uint8_t protocol) {
   switch (protocol) {
     case 1: return "icmp";
@@ -65,8 +73,37 @@ std::string ProtocolName(std::uint8_t protocol) {
     case 6: return "tcp";
     case 17: return "udp";
     case 47: return "gre";
+    case 50: return "esp";
+    case 51: return "ah";
     case 58: return "ipv6-icmp";
-    default: return Decimal(protocol);
+    case 132: return "sctp";
+    case 136: return "udplite";
+    default: break;
+  }
+  protoent entry{};
+  protoent* found = nullptr;
+  char buffer[1024];
+  if (getprotobynumber_r(protocol, &entry, buffer, sizeof buffer, &found) == 0 && found && found->p_name) {
+    return found->p_name;
+  }
+  return Decimal(protocol);
+}
+
+// ICMP has no meaning in IPv6, nor ICMPv6 in IPv4; and the IPv6 tool takes
+// the numbers of extension headers but never matches them (the header
+// chain is walked past them). Such a description yields no rule there.
+bool ProtocolExistsIn(const std::optional<std::uint8_t>& protocol, IPAddressFamily::Type family) {
+  if (!protocol) return true;
+  if (family == IPAddressFamily::IPv4) return *protocol != 58;
+  switch (*protocol) {
+    case 1:   // ICMP
+    case 43:  // routing header
+    case 44:  // fragment header
+    case 51:  // authentication header
+    case 60:  // destination options
+      return false;
+    default:
+      return true;
   }
 }
 
@@ -213,9 +250,10 @@ std::string ProtocolFragment(const std::optional<std::uint8_t>& protocol) {
   return " -p " + ProtocolName(*protocol);
 }
 
-// --sport 1000:2000
+// --sport 1000:2000; a range of every port restricts nothing, and the
+// listing leaves it out.
 std::string PortFragment(const char* option, const std::optional<tools::PortRange>& ports) {
-  return ports ? option + ports->ToString() : "";
+  return ports && !ports->CoversAllPorts() ? option + ports->ToString() : "";
 }
 
 // ! --tcp-flags FIN,SYN,RST,ACK SYN
@@ -374,31 +412,79 @@ RuleAction MakeAction(std::size_t kindIndex) {
 
 namespace {
 
+constexpr std::size_t kMaxInterfaceName = 15;
+constexpr std::size_t kMaxNflogPrefix = 63;
+constexpr std::uint8_t kNamedTcpFlags = 0x3f;
+
 bool HasBlankOrQuote(const std::string& text) {
   return text.empty() || text.find_first_of(" \t\n\"'") != std::string::npos;
 }
+
+bool IsTcpOrUdp(const RuleDescription& d) { return d.protocol == std::uint8_t{6} || d.protocol == std::uint8_t{17}; }
 
 std::optional<std::string> PortProblem(const RuleDescription& d) {
   for (const auto* ports : {&d.remotePorts, &d.localPorts}) {
     if (*ports && (*ports)->first > (*ports)->last) return "a port range ends before it starts";
   }
-  const bool tcpOrUdp = d.protocol == std::uint8_t{6} || d.protocol == std::uint8_t{17};
-  if ((d.remotePorts || d.localPorts) && !tcpOrUdp) return "ports need protocol 6 (TCP) or 17 (UDP)";
-  if (d.tcpFlags && d.protocol != std::uint8_t{6}) return "tcp-flags need protocol 6 (TCP)";
+  if ((d.remotePorts || d.localPorts) && !IsTcpOrUdp(d)) return "ports need protocol 6 (TCP) or 17 (UDP)";
   return std::nullopt;
 }
 
-// Names go into the script unquoted: a blank would split them.
+// An empty mask matches every packet, and the tools either drop the
+// condition or, negated, turn it into one that matches every packet too;
+// the two bits above URG have no name in the tools.
+std::optional<std::string> TcpFlagsProblem(const RuleDescription& d) {
+  if (!d.tcpFlags) return std::nullopt;
+  if (d.protocol != std::uint8_t{6}) return "tcp-flags need protocol 6 (TCP)";
+  if (d.tcpFlags->mask == 0) return "tcp-flags need a mask with at least one flag";
+  if (((d.tcpFlags->mask | d.tcpFlags->comparison) & ~kNamedTcpFlags) != 0) {
+    return "tcp-flags may only use FIN, SYN, RST, PSH, ACK and URG (0x3f)";
+  }
+  return std::nullopt;
+}
+
+// Names go into the script unquoted: a blank would split them. The kernel
+// keeps 15 characters of an interface name and 63 of a prefix; the tools
+// refuse a longer name and may cut a longer prefix short, after which the
+// rule would never be recognised.
 std::optional<std::string> NameProblem(const RuleDescription& d) {
   if (d.iface && HasBlankOrQuote(d.iface->name)) return "the interface name is empty or has a blank or quote";
+  if (d.iface && d.iface->name.size() > kMaxInterfaceName) return "the interface name is longer than 15 characters";
   for (const auto* set : {&d.excludeRemoteEndpoint, &d.excludeRemote}) {
     if (*set && HasBlankOrQuote(**set)) return "an ip-set name is empty or has a blank or quote";
   }
   if (const auto* nflog = std::get_if<NflogAction>(&d.action); nflog && nflog->nflogPrefix) {
     if (HasBlankOrQuote(*nflog->nflogPrefix)) return "the nflog prefix is empty or has a blank or quote";
+    if (nflog->nflogPrefix->size() > kMaxNflogPrefix) return "the nflog prefix is longer than 63 characters";
   }
   if (const auto* raw = std::get_if<RawAction>(&d.action)) {
     if (HasBlankOrQuote(raw->target)) return "the raw target is empty or has a blank or quote";
+  }
+  return std::nullopt;
+}
+
+bool IsMangleOrNatKind(const RuleAction& action) {
+  return std::holds_alternative<MarkAction>(action) || std::holds_alternative<DivertAction>(action) ||
+         std::holds_alternative<ConnmarkAction>(action) || std::holds_alternative<ConnmarkSaveAction>(action) ||
+         std::holds_alternative<ConnmarkRestoreAction>(action) || std::holds_alternative<NatAction>(action);
+}
+
+// What the kernel refuses where the kind is placed: a divert works only
+// before routing, on TCP or UDP, and so on incoming traffic; masquerading
+// only after routing, so on outgoing traffic; the control group of a packet
+// is not known before routing, where the incoming mangle and nat rules
+// stand.
+std::optional<std::string> PlacementProblem(const RuleDescription& d) {
+  const bool incoming = d.side == Side::Incoming;
+  if (std::holds_alternative<DivertAction>(d.action)) {
+    if (!incoming) return "divert works on incoming traffic only";
+    if (!IsTcpOrUdp(d)) return "divert needs protocol 6 (TCP) or 17 (UDP)";
+  }
+  if (const auto* nat = std::get_if<NatAction>(&d.action); nat && nat->action != 0 && incoming) {
+    return "nat-action masquerade works on outgoing traffic only";
+  }
+  if (d.classid && incoming && IsMangleOrNatKind(d.action)) {
+    return "classid cannot match incoming traffic in mark, divert, connmark and nat kinds";
   }
   return std::nullopt;
 }
@@ -407,11 +493,9 @@ std::optional<std::string> NameProblem(const RuleDescription& d) {
 
 std::optional<std::string> DescriptionProblem(const RuleDescription& description) {
   if (auto problem = PortProblem(description)) return problem;
+  if (auto problem = TcpFlagsProblem(description)) return problem;
   if (auto problem = NameProblem(description)) return problem;
-  if (std::holds_alternative<DivertAction>(description.action) && description.side != Side::Incoming) {
-    return "divert works on incoming traffic only";
-  }
-  return std::nullopt;
+  return PlacementProblem(description);
 }
 
 std::string DescriptionText(const RuleDescription& description) {
@@ -428,6 +512,7 @@ std::ostream& operator<<(std::ostream& out, const RuleDescription& description) 
 std::optional<Rule> TranslateDescription(const RuleDescription& description, IPAddressFamily::Type family,
                                          Side side) {
   if (!BelongsTo(description.remote, family) || !BelongsTo(description.local, family)) return std::nullopt;
+  if (!ProtocolExistsIn(description.protocol, family)) return std::nullopt;
   Rule rule;
   rule.match = SplitTokens(MatchText(description, side));
   rule.target = ActionTarget(description.action, family);

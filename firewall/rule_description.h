@@ -179,8 +179,10 @@ std::optional<std::string> DescriptionProblem(const RuleDescription& description
 std::string DescriptionText(const RuleDescription& description);
 std::ostream& operator<<(std::ostream& out, const RuleDescription& description);
 
-// The match and target tokens of the description for one family and side;
-// nullopt when its remote or local network belongs to the other family.
+// The match and target tokens of the description for one family and side,
+// written as the listing prints them back; nullopt when its remote or local
+// network belongs to the other family, or its protocol never matches in
+// this family (ICMP and IPv6 extension headers in IPv6, ICMPv6 in IPv4).
 // Tag and bookkeeping fields of the rule stay empty.
 std::optional<Rule> TranslateDescription(const RuleDescription& description, types::IPAddressFamily::Type family,
                                          Side side);

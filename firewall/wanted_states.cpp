@@ -3,9 +3,12 @@
 namespace qel::firewall {
 
 WantedStates::StatePtr WantedStates::Get(types::IPAddressFamily::Type family, const std::string& table,
-                                         const CompiledRules* compiled, const std::vector<TaggedRule>& dynamic) {
+                                         const CompiledRules* compiled, const std::vector<TaggedRule>& dynamic,
+                                         bool suitableConntrack) {
   StatePtr& state = m_states[{family, table}];
-  if (!state) state = std::make_shared<const State>(ChainLayout::WantedState(family, table, compiled, dynamic));
+  if (!state) {
+    state = std::make_shared<const State>(ChainLayout::WantedState(family, table, compiled, dynamic, suitableConntrack));
+  }
   return state;
 }
 

@@ -19,9 +19,10 @@ class WantedStates {
   using StatePtr = std::shared_ptr<const State>;
 
   // The table's wanted state: the one built since the last Forget, or one
-  // built now from `compiled` (null while not enforcing) and `dynamic`.
+  // built now from `compiled` (null while not enforcing) and `dynamic` (see
+  // ChainLayout::WantedState).
   StatePtr Get(types::IPAddressFamily::Type family, const std::string& table, const CompiledRules* compiled,
-               const std::vector<TaggedRule>& dynamic);
+               const std::vector<TaggedRule>& dynamic, bool suitableConntrack);
   // What the module wants has changed.
   void Forget() noexcept { m_states.clear(); }
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -73,7 +74,16 @@ class FakeInfoProvider final : public ObjectImpl<FakeInfoProvider, firewall::IIp
   bool IsVersionAtLeast_1_4_8() const noexcept override { return true; }
   bool SupportsWaitOption() const noexcept override { return waits; }
   bool IsIpv6Supported() const noexcept override { return true; }
+  oro::result_t GetExistingTables(types::IPAddressFamily::Type, std::vector<std::string>& out) const noexcept override {
+    ++tableReadings;
+    if (existingTables) out = *existingTables;
+    return existingTables ? oro::errOk : oro::errUnexpected;
+  }
   std::atomic<bool> waits = true;  // the tools wait for the lock instead of failing
+  // The tables of each family that exist; none: they cannot be read. Set
+  // before the service runs.
+  std::optional<std::vector<std::string>> existingTables = std::vector<std::string>{"filter"};
+  mutable std::atomic<int> tableReadings = 0;
 };
 
 // A dynamic rule as the agent's ports give them: incoming TCP to one port.

@@ -8,10 +8,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
+#include <vector>
+
+#include "support/kernel_tables.h"
 
 namespace qel::test {
 namespace {
@@ -159,6 +163,56 @@ ChildRun RunInNetworkNamespace(const std::function<std::string()>& body) {
 
 ChildRun RunInNetworkNamespace(IptablesBackend backend, const std::function<std::string()>& body) {
   return RunIsolated({CLONE_NEWNET | CLONE_NEWNS, [backend] { ChooseBackend(backend); }}, body);
+}
+
+namespace {
+
+tools::UniqueFd OpenThreadNamespace() {
+  tools::UniqueFd fd(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+  if (!fd) ThrowSystemError("opening the thread's network namespace");
+  return fd;
+}
+
+void Enter(const tools::UniqueFd& ns) {
+  if (setns(ns.Get(), CLONE_NEWNET) != 0) ThrowSystemError("setns");
+}
+
+void RunIp(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), "ip");
+  RunToolOk(std::move(arguments));
+}
+
+// Both ends of the link with their addresses, up; duplicate address
+// detection would keep the IPv6 addresses unusable for a while.
+void ConfigureEnd(const char* device, const char* ipv4, const char* ipv6) {
+  RunIp({"link", "set", "lo", "up"});
+  RunIp({"addr", "add", std::string(ipv4) + "/24", "dev", device});
+  RunIp({"-6", "addr", "add", std::string(ipv6) + "/64", "dev", device, "nodad"});
+  RunIp({"link", "set", device, "up"});
+}
+
+}  // namespace
+
+PeerNamespace::PeerNamespace() : m_home(OpenThreadNamespace()) {
+  if (unshare(CLONE_NEWNET) != 0) ThrowSystemError("unshare");
+  m_peer = OpenThreadNamespace();
+  Enter(m_home);
+  // The tool opens the peer's namespace through this process's descriptor.
+  RunIp({"link", "add", "veth-h", "type", "veth", "peer", "name", "veth-p", "netns",
+         "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_peer.Get())});
+  ConfigureEnd("veth-h", kHost4, kHost6);
+  Within([] { ConfigureEnd("veth-p", kPeer4, kPeer6); });
+}
+
+PeerNamespace::Visit::Visit(const PeerNamespace& peer) : m_peer(peer) { Enter(peer.m_peer); }
+
+// Staying in the peer's namespace would make every later step run there,
+// unnoticed: better to end the child.
+PeerNamespace::Visit::~Visit() {
+  if (setns(m_peer.m_home.Get(), CLONE_NEWNET) != 0) {
+    std::perror("cannot return from the peer's network namespace");
+    std::abort();
+  }
 }
 
 }  // namespace qel::test

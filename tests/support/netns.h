@@ -6,6 +6,8 @@
 #include <functional>
 #include <string>
 
+#include "qel_common/unique_fd.h"
+
 namespace qel::test {
 
 // The two implementations behind the iptables tool names.
@@ -30,5 +32,44 @@ ChildRun RunInNetworkNamespace(const std::function<std::string()>& body);
 // "ip6tables" and their "-save" and "-restore" names run `backend`, whatever
 // the machine's alternatives choose.
 ChildRun RunInNetworkNamespace(IptablesBackend backend, const std::function<std::string()>& body);
+
+// A second network namespace joined to the caller's by a veth pair, as two
+// hosts on one link: "veth-h" here with 10.77.0.1/24 and fd77::1/64,
+// "veth-p" there with 10.77.0.2/24 and fd77::2/64. Build it inside a
+// namespace child (see above); it lasts as long as the object, or the child.
+class PeerNamespace {
+ public:
+  static constexpr const char* kHost4 = "10.77.0.1";
+  static constexpr const char* kPeer4 = "10.77.0.2";
+  static constexpr const char* kHost6 = "fd77::1";
+  static constexpr const char* kPeer6 = "fd77::2";
+
+  PeerNamespace();
+
+  // Runs `step` with the calling thread in the peer's namespace and returns
+  // what it returns: the sockets it opens and the tools it runs belong to
+  // the peer, and stay there once the thread is back.
+  template <class Step>
+  auto Within(Step&& step) const {
+    const Visit visit(*this);
+    return step();
+  }
+
+ private:
+  // Moves the calling thread into the peer's namespace and back.
+  class Visit {
+   public:
+    explicit Visit(const PeerNamespace& peer);
+    ~Visit();
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+   private:
+    const PeerNamespace& m_peer;
+  };
+
+  tools::UniqueFd m_home;
+  tools::UniqueFd m_peer;
+};
 
 }  // namespace qel::test

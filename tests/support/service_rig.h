@@ -63,11 +63,13 @@ class ServiceRig {
   std::vector<std::string> scripts;
 };
 
-// Installs `settings` with a service in a forked process and kills that
-// process with SIGKILL once the rules stand, so that the service never gets
-// to remove them, as after a crash. Returns the filter tables as the killed
-// service left them; throws when it installed nothing.
-inline std::string InstallAndKill(const settings::FirewallSettings& settings) {
+// Installs `settings` and the dynamic rules of `dynamic` (each under its
+// tag) with a service in a forked process and kills that process with
+// SIGKILL once the rules stand, so that the service never gets to remove
+// them, as after a crash. Returns every table as the killed service left
+// it (SaveAllTables); throws when it installed nothing.
+inline std::string InstallAndKill(const settings::FirewallSettings& settings,
+                                  const std::vector<firewall::TaggedRule>& dynamic = {}) {
   int ready[2];
   if (pipe(ready) != 0) throw std::runtime_error("pipe failed");
   const pid_t child = fork();
@@ -76,8 +78,12 @@ inline std::string InstallAndKill(const settings::FirewallSettings& settings) {
     try {
       // Never released: only the kill ends it.
       auto* rig = new ServiceRig;
-      if (oro::Succeeded(rig->service->SetPacketRules(settings)) && oro::Succeeded(rig->service->SetEnforce(true)) &&
-          write(ready[1], "+", 1) == 1) {
+      bool installed = oro::Succeeded(rig->service->SetPacketRules(settings)) &&
+                       oro::Succeeded(rig->service->SetEnforce(true));
+      for (const auto& [description, tag] : dynamic) {
+        installed = installed && oro::Succeeded(rig->service->AddRules({description}, tag));
+      }
+      if (installed && write(ready[1], "+", 1) == 1) {
         for (;;) pause();
       }
     } catch (...) {
@@ -93,7 +99,7 @@ inline std::string InstallAndKill(const settings::FirewallSettings& settings) {
     waitpid(child, nullptr, 0);
   }
   if (installed != '+') throw std::runtime_error("the service to be killed installed nothing");
-  return ListFilterTables();
+  return SaveAllTables();
 }
 
 }  // namespace qel::test

@@ -67,7 +67,15 @@ TEST(RuleDescriptionTranslation, ConditionsInFixedOrder) {
       {{.protocol = 1, .localPorts = PortRange{22, 22}}, "-p icmp"},
       {{.protocol = 6, .tcpFlags = TcpFlagsMatch{0x3f, 0, false}},
        "-p tcp -m tcp --tcp-flags FIN,SYN,RST,PSH,ACK,URG NONE"},
-      {{.protocol = 132}, "-p 132"},
+      // As the listing prints them back: protocols by the tools' names, no
+      // range of every port, no mask of all ones.
+      {{.protocol = 132}, "-p sctp"},
+      {{.protocol = 255}, "-p 255"},
+      {{.protocol = 6, .remotePorts = PortRange{0, 65535}, .localPorts = PortRange{0, 65535}}, "-p tcp"},
+      {{.protocol = 17, .remotePorts = PortRange{0, 1023}, .localPorts = PortRange{0, 65535}},
+       "-p udp -m udp --sport 0:1023"},
+      {{.mark = MarkMatch{0x10, 0xffffffff}, .ctmark = MarkMatch{0xffffffff, std::nullopt}},
+       "-m mark --mark 0x10 -m connmark --mark 0xffffffff"},
       {{.ctdir = ConnDirection::Original}, "-m conntrack --ctdir ORIGINAL"},
   };
   for (const auto& c : cases) {
@@ -125,6 +133,16 @@ TEST(RuleDescriptionTranslation, EstablishedFormAppendsConnectionStateAndOtherFa
   const RuleDescription localV4{.local = Net("0.0.0.0", 0)};  // even the all-zero address keeps its family
   EXPECT_FALSE(TranslateDescription(localV4, kV6, Side::Outgoing));
   EXPECT_FALSE(TranslateEstablished(localV4, kV6, Side::Outgoing, ConnDirection::Reply));
+
+  // Protocols that never match in a family.
+  for (const std::uint8_t ipv6Only : {58}) {
+    EXPECT_FALSE(TranslateDescription({.protocol = ipv6Only}, kV4, Side::Incoming));
+    EXPECT_TRUE(TranslateDescription({.protocol = ipv6Only}, kV6, Side::Incoming));
+  }
+  for (const std::uint8_t ipv4Only : {1, 43, 44, 51, 60}) {
+    EXPECT_TRUE(TranslateDescription({.protocol = ipv4Only}, kV4, Side::Incoming)) << int{ipv4Only};
+    EXPECT_FALSE(TranslateDescription({.protocol = ipv4Only}, kV6, Side::Incoming)) << int{ipv4Only};
+  }
 }
 
 TEST(RuleDescriptionText, PrintsEveryPresentFieldAndTheKindFields) {
@@ -154,14 +172,32 @@ TEST(RuleDescriptionKinds, DecodesKindIndex) {
 TEST(RuleDescriptionProblems, RefusesWhatTheKernelWouldRefuseOrPrintDifferently) {
   EXPECT_EQ(DescriptionProblem(kTcpLocalPort22), std::nullopt);
   EXPECT_EQ(DescriptionProblem(EveryCondition()), std::nullopt);
+  const RuleDescription fine[] = {
+      {.protocol = 17, .action = DivertAction{8080, std::nullopt}},
+      {.side = Side::Outgoing, .action = NatAction{1}},
+      {.action = NatAction{0}},
+      {.side = Side::Outgoing, .classid = 1, .action = MarkAction{1}},
+      {.classid = 1, .action = AccessAction{}},
+      {.iface = InterfaceMatch{"abcdefghijklmno", false}, .action = NflogAction{5, std::string(63, 'p'), 0}},
+  };
+  for (const auto& description : fine) EXPECT_EQ(DescriptionProblem(description), std::nullopt) << description;
   const std::pair<RuleDescription, const char*> bad[] = {
       {{.protocol = 6, .localPorts = PortRange{80, 79}}, "ends before it starts"},
       {{.localPorts = PortRange{80, 80}}, "ports need protocol"},
       {{.protocol = 17, .tcpFlags = TcpFlagsMatch{1, 1, false}}, "tcp-flags need"},
+      {{.protocol = 6, .tcpFlags = TcpFlagsMatch{0, 0, true}}, "at least one flag"},
+      {{.protocol = 6, .tcpFlags = TcpFlagsMatch{0x42, 0x02, false}}, "only use FIN"},
       {{.action = NflogAction{5, "pre fix", 0}}, "nflog prefix"},
+      {{.action = NflogAction{5, std::string(64, 'p'), 0}}, "longer than 63"},
       {{.action = RawAction{"", {}}}, "raw target"},
       {{.iface = InterfaceMatch{"eth 0", false}}, "interface name"},
-      {{.side = Side::Outgoing, .action = DivertAction{8080, std::nullopt}}, "incoming"},
+      {{.iface = InterfaceMatch{"abcdefghijklmnop", false}}, "longer than 15"},
+      // Where the kind stands, the kernel would refuse these.
+      {{.side = Side::Outgoing, .protocol = 6, .action = DivertAction{8080, std::nullopt}}, "incoming"},
+      {{.protocol = 1, .action = DivertAction{8080, std::nullopt}}, "divert needs protocol"},
+      {{.action = NatAction{1}}, "outgoing"},
+      {{.classid = 1, .action = MarkAction{1}}, "classid"},
+      {{.classid = 1, .action = NatAction{0}}, "classid"},
   };
   for (const auto& [description, reason] : bad) {
     const auto problem = DescriptionProblem(description);

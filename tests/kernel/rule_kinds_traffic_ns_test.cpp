@@ -1,0 +1,207 @@
+// Each kind of dynamic rule does to real traffic what it says, with each
+// iptables backend: the service runs in one network namespace ("host"),
+// joined by a veth pair to another ("peer"), and the cases send TCP
+// connections between them. Blocked connections show as no answer within
+// a short wait.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "support/netns.h"
+#include "support/service_rig.h"
+#include "support/tcp_sockets.h"
+
+// Designated initializers spell out only the fields that a case is about.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
+namespace qel::test {
+namespace {
+
+using namespace firewall;
+using tools::PortRange;
+
+constexpr const char* kHost = PeerNamespace::kHost4;
+constexpr const char* kPeer = PeerNamespace::kPeer4;
+
+std::string Result(oro::result_t result) { return tracing::FormatResult(result); }
+const std::string kOk = Result(oro::errOk);
+
+RuleDescription TcpTo(std::uint16_t port, RuleAction action, Side side = Side::Incoming) {
+  RuleDescription description{.side = side, .protocol = 6, .action = std::move(action)};
+  (side == Side::Incoming ? description.localPorts : description.remotePorts) = PortRange{port, port};
+  return description;
+}
+
+// The administrator's defaults block every incoming connection, replies
+// of the host's own connections pass.
+settings::FirewallSettings BlockIncoming() {
+  settings::FirewallSettings settings;
+  settings.defaultIncomingAction = settings::PacketRuleAction::Block;
+  return settings;
+}
+
+std::string Enforce(ServiceRig& rig, const settings::FirewallSettings& settings) {
+  const std::string result = Result(rig.service->SetPacketRules(settings));
+  return result + " " + Result(rig.service->SetEnforce(true));
+}
+
+std::string Count(std::uint64_t packets) { return packets == 0 ? "none" : "some"; }
+
+class RuleKindsTrafficNsTest : public testing::TestWithParam<IptablesBackend> {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root: every case creates its own network and mount namespaces";
+  }
+
+  // Runs `body` in a fresh host namespace with a peer joined to it.
+  std::string Run(const std::function<std::string(ServiceRig&, const PeerNamespace&)>& body) {
+    const ChildRun run = RunInNetworkNamespace(GetParam(), [&] {
+      const PeerNamespace peer;
+      ServiceRig rig;
+      return body(rig, peer);
+    });
+    return run.completed ? run.output : "namespace child failed: " + run.output;
+  }
+};
+
+// An accepted port is reachable while the defaults block everything else,
+// its replies passing the defaults on the way out.
+TEST_P(RuleKindsTrafficNsTest, AccessOpensOnlyItsPort) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    TcpListener open(kHost, 5001), closed(kHost, 5002);
+    std::string text = Enforce(rig, BlockIncoming()) + " ";
+    text += Result(rig.service->AddRules({TcpTo(5001, AccessAction{0})}, "web")) + "\n";
+    text += "5001 " + peer.Within([] { return Reach(kHost, 5001); });
+    return text + ", 5002 " + peer.Within([] { return Reach(kHost, 5002); });
+  });
+  EXPECT_EQ(output, kOk + " " + kOk + " " + kOk + "\n5001 connected, 5002 blocked");
+}
+
+// With no program bound to the queue, the kernel drops what goes there.
+TEST_P(RuleKindsTrafficNsTest, QueueHandsPacketsOverAndNobodyTakesThem) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    TcpListener listener(kHost, 5003);
+    const RuleDescription queue = TcpTo(5003, QueueAction{7});
+    std::string text = Result(rig.service->AddRules({queue}, "inspect"));
+    text += " queued " + peer.Within([] { return Reach(kHost, 5003); });
+    text += ", " + Result(rig.service->RemoveRules({queue}));
+    return text + " not queued " + peer.Within([] { return Reach(kHost, 5003); });
+  });
+  EXPECT_EQ(output, kOk + " queued blocked, " + kOk + " not queued connected");
+}
+
+// The marks show to the administrator's mark matches in the filter table,
+// on both sides.
+TEST_P(RuleKindsTrafficNsTest, MarkIsSeenByMarkMatches) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    TcpListener listener(kHost, 5004);
+    RunToolOk({"iptables", "-A", "INPUT", "-m", "mark", "--mark", "0x40/0x40"});
+    RunToolOk({"iptables", "-A", "OUTPUT", "-m", "mark", "--mark", "0x80/0x80"});
+    const auto marked = [] {
+      return Count(PacketsOf("iptables", "filter", "INPUT", "0x40")) + " in, " +
+             Count(PacketsOf("iptables", "filter", "OUTPUT", "0x80")) + " out";
+    };
+    std::string text = Result(rig.service->AddRules(
+        {TcpTo(5004, MarkAction{0x40}), {.side = Side::Outgoing, .protocol = 6, .localPorts = PortRange{5004, 5004},
+                                         .action = MarkAction{0x80}}},
+        "marks"));
+    text += " before: " + marked();
+    text += ", " + peer.Within([] { return Reach(kHost, 5004); });
+    return text + ": " + marked();
+  });
+  EXPECT_EQ(output, kOk + " before: none in, none out, connected: some in, some out");
+}
+
+// A connection to a port nothing listens on reaches the transparent
+// listener of the divert's port, which sees the address it was made to;
+// the host routes the divert's mark to itself, as a divert needs.
+TEST_P(RuleKindsTrafficNsTest, DivertHandsConnectionsToTheLocalListener) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    for (const char* ip : {"-4", "-6"}) {
+      RunToolOk({"ip", ip, "rule", "add", "fwmark", "0x1", "lookup", "100"});
+      RunToolOk({"ip", ip, "route", "add", "local", std::string(ip) == "-4" ? "0.0.0.0/0" : "::/0", "dev", "lo",
+                 "table", "100"});
+    }
+    std::string text = Result(rig.service->AddRules({TcpTo(8080, DivertAction{9999, 0x1})}, "proxy")) + "\n";
+    // One family at a time: both listeners would take the same port.
+    const auto divertedTo = [&](const char* listenOn, const char* address) {
+      TcpListener listener(listenOn, 9999, true);
+      std::string outcome = address + std::string(": ") + peer.Within([&] { return Reach(address, 8080); });
+      const auto accepted = listener.Accept();
+      return outcome + (accepted ? ", taken as " + accepted->local + "\n" : ", not taken\n");
+    };
+    text += divertedTo("127.0.0.1", PeerNamespace::kHost4);
+    return text + divertedTo("::ffff:127.0.0.1", PeerNamespace::kHost6);
+  });
+  EXPECT_EQ(output, kOk + "\n10.77.0.1: connected, taken as 10.77.0.1:8080\nfd77::1: connected, taken as [fd77::1]:8080\n");
+}
+
+// Connections from a second address of the host leave with the outgoing
+// interface's address while the masquerade stands.
+TEST_P(RuleKindsTrafficNsTest, MasqueradeShowsThePeerTheInterfaceAddress) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    RunToolOk({"ip", "addr", "add", "10.77.0.5/24", "dev", "veth-h"});
+    TcpListener listener = peer.Within([] { return TcpListener(kPeer, 6000); });
+    const auto seenFrom = [&] {
+      if (!TcpConnects(kPeer, 6000, "10.77.0.5")) return std::string("blocked");
+      const auto accepted = listener.Accept();
+      return accepted ? accepted->remote.substr(0, accepted->remote.find(':')) : "not taken";
+    };
+    const RuleDescription masquerade = TcpTo(6000, NatAction{1}, Side::Outgoing);
+    std::string text = Result(rig.service->AddRules({masquerade}, "nat"));
+    text += " seen from " + seenFrom();
+    text += ", " + Result(rig.service->RemoveRules({masquerade}));
+    return text + " seen from " + seenFrom();
+  });
+  EXPECT_EQ(output, kOk + " seen from 10.77.0.1, " + kOk + " seen from 10.77.0.5");
+}
+
+// The logging rule counts what it logged, and lets it go on.
+TEST_P(RuleKindsTrafficNsTest, NflogLogsAndLetsThrough) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    TcpListener listener(kHost, 5005);
+    const auto logged = [] { return Count(PacketsOf("iptables", "filter", "vorn_input", "NFLOG")); };
+    std::string text = Result(rig.service->AddRules({TcpTo(5005, NflogAction{33, "seen", 0})}, "log"));
+    text += " logged " + logged();
+    text += ", " + peer.Within([] { return Reach(kHost, 5005); });
+    return text + ", logged " + logged();
+  });
+  EXPECT_EQ(output, kOk + " logged none, connected, logged some");
+}
+
+// A bypass lets through what the administrator's rules block, replies too.
+TEST_P(RuleKindsTrafficNsTest, BypassLetsThroughWhatTheAdministratorBlocks) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    TcpListener listener(kHost, 5006);
+    std::string text = Enforce(rig, BlockIncoming());
+    text += " blocked: " + peer.Within([] { return Reach(kHost, 5006); });
+    text += ", " + Result(rig.service->AddRules({TcpTo(5006, BypassAction{})}, "bypass"));
+    return text + " bypassed: " + peer.Within([] { return Reach(kHost, 5006); });
+  });
+  EXPECT_EQ(output, kOk + " " + kOk + " blocked: blocked, " + kOk + " bypassed: connected");
+}
+
+// Isolation lets only its exception through, whatever the administrator
+// allows: not another port, not the host's own connections.
+TEST_P(RuleKindsTrafficNsTest, IsolationPassesOnlyTheException) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    TcpListener exception(kHost, 5007), other(kHost, 5008);
+    TcpListener peerListener = peer.Within([] { return TcpListener(kPeer, 6001); });
+    settings::FirewallSettings allowAll;
+    allowAll.defaultIncomingAction = settings::PacketRuleAction::Allow;
+    std::string text = Enforce(rig, allowAll) + " ";
+    text += Result(rig.service->AddRules({TcpTo(5007, IsolationAction{0})}, "ni_0x1")) + "\n";
+    text += "5007 " + peer.Within([] { return Reach(kHost, 5007); });
+    text += ", 5008 " + peer.Within([] { return Reach(kHost, 5008); });
+    return text + ", out " + Reach(kPeer, 6001);
+  });
+  EXPECT_EQ(output, kOk + " " + kOk + " " + kOk + "\n5007 connected, 5008 blocked, out blocked");
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, RuleKindsTrafficNsTest,
+                         testing::Values(IptablesBackend::Legacy, IptablesBackend::Nft),
+                         [](const testing::TestParamInfo<IptablesBackend>& info) {
+                           return std::string(BackendName(info.param));
+                         });
+
+}  // namespace
+}  // namespace qel::test
