@@ -56,21 +56,16 @@ std::optional<std::uint8_t> ParseProtocol(std::string_view text, std::string& er
   return std::nullopt;
 }
 
-// A bypass lets a packet skip the module, one direction at a time, so a
-// connection needs one rule on the side it opens from and one for its way
-// back. The way back is limited to established connections so that it opens
-// nothing by itself.
-RuleDescriptions BothWays(std::uint16_t port, std::uint8_t protocol, Side opening,
-                          std::optional<tools::PortRange> RuleDescription::*ports) {
+// A bypass on the side the connections open from; the chain layout lets
+// their replies skip the module on the other side.
+RuleDescriptions Opening(std::uint16_t port, std::uint8_t protocol, Side opening,
+                         std::optional<tools::PortRange> RuleDescription::*ports) {
   RuleDescription open;
   open.side = opening;
   open.protocol = protocol;
   open.*ports = tools::PortRange{port, port};
   open.action = BypassAction{};
-  RuleDescription back = open;
-  back.side = opening == Side::Incoming ? Side::Outgoing : Side::Incoming;
-  back.ctstate = ConnState::Established;
-  return {open, back};
+  return {open};
 }
 
 // The rules of an entry "PORT/PROTO/DIRECTION": "in" is a service of this
@@ -88,8 +83,8 @@ std::optional<RuleDescriptions> EntryRules(std::string_view entry, std::string& 
   const auto protocol = ParseProtocol(entry.substr(first + 1, second - first - 1), error);
   if (!protocol) return std::nullopt;
   const std::string_view direction = entry.substr(second + 1);
-  if (direction == "in") return BothWays(*port, *protocol, Side::Incoming, &RuleDescription::localPorts);
-  if (direction == "out") return BothWays(*port, *protocol, Side::Outgoing, &RuleDescription::remotePorts);
+  if (direction == "in") return Opening(*port, *protocol, Side::Incoming, &RuleDescription::localPorts);
+  if (direction == "out") return Opening(*port, *protocol, Side::Outgoing, &RuleDescription::remotePorts);
   error = "direction '" + std::string(direction) + "' is neither in nor out";
   return std::nullopt;
 }

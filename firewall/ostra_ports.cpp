@@ -22,6 +22,8 @@ constexpr std::uint32_t kAccept = 0;
 
 // An access rule for the agent's port on one side: the port is local, so on
 // the incoming side it is the destination and on the outgoing side the source.
+// The chain layout lets the replies of its connections through on the other
+// side, so a one-way port needs no rule there of its own.
 RuleDescription PortRule(const OstraPort& entry, Side side) {
   RuleDescription rule;
   rule.side = side;
@@ -29,21 +31,6 @@ RuleDescription PortRule(const OstraPort& entry, Side side) {
   const auto port = static_cast<std::uint16_t>(entry.port);
   rule.localPorts = tools::PortRange{port, port};
   rule.action = AccessAction{kAccept};
-  return rule;
-}
-
-// The other side of a one-way port. A blocking default incoming action
-// compiles into a rule that drops the outgoing packets of established
-// incoming connections, so an open incoming port alone would take the
-// agent's requests and drop its answers (for TCP already the SYN-ACK). This
-// rule lets the established traffic of the same local port pass the other
-// way and opens no connection by itself. It names no connection direction:
-// on kernels whose direction test is unreliable the compiler swaps the
-// words, which a description cannot follow; the established state alone
-// means the same on every kernel.
-RuleDescription ReplyRule(const OstraPort& entry, Side side) {
-  RuleDescription rule = PortRule(entry, side);
-  rule.ctstate = ConnState::Established;
   return rule;
 }
 
@@ -110,13 +97,11 @@ RuleDescriptions OstraPorts::RulesOf(const std::set<OstraPort>& ports) {
     switch (entry.direction) {
       case kIn:
         AddOnce(rules, PortRule(entry, Side::Incoming));
-        AddOnce(rules, ReplyRule(entry, Side::Outgoing));
         break;
       case kOut:
         AddOnce(rules, PortRule(entry, Side::Outgoing));
-        AddOnce(rules, ReplyRule(entry, Side::Incoming));
         break;
-      default:  // both ways open: each side's rule carries the other's replies
+      default:
         AddOnce(rules, PortRule(entry, Side::Incoming));
         AddOnce(rules, PortRule(entry, Side::Outgoing));
         break;
