@@ -1,6 +1,6 @@
 // The framework services the reference host gives the module: tracer, timer,
-// event publisher, feature registry, and the service locator that hands
-// them out together with the module's own objects.
+// feature registry, and the service locator that hands them out together
+// with the module's own objects (the event publisher has a unit of its own).
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "firewall/firewall_interfaces.h"
-#include "oro/event_publisher.h"
 #include "oro/timer.h"
 #include "oro/tracer.h"
 #include "qel_common/feature_techs_aggregator.h"
@@ -68,20 +67,6 @@ class HostTimer final : public ObjectImpl<HostTimer, oro::ITimer> {
   bool m_stop = false;
   std::thread m_thread;
 };
-
-// Writes each event as one JSON object per line:
-//   {"event":"FirewallIntegrityBroken","extra":"...","missing":"..."}
-class JsonEventPublisher final : public ObjectImpl<JsonEventPublisher, oro::IEventPublisher> {
- public:
-  explicit JsonEventPublisher(std::ostream& out) : m_out(out) {}
-  oro::result_t PublishEvent(oro::Event&& event) noexcept override;
-
- private:
-  std::mutex m_mutex;
-  std::ostream& m_out;
-};
-
-std::string EventJson(const oro::Event& event);
 
 // Records the features the module reports; the host shows them in its trace.
 class HostFeatureRegistry final : public ObjectImpl<HostFeatureRegistry, tools::IFeatureTechsAggregator> {

@@ -9,6 +9,7 @@
 
 #include "firewall/firewall_interfaces.h"
 #include "host/host_services.h"
+#include "host/json_event_publisher.h"
 #include "host/loaded_module.h"
 #include "host/settings_ini.h"
 #include "oro/task.h"
