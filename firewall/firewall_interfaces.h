@@ -108,4 +108,46 @@ struct IIptablesInfoProvider : oro::IObject {
   virtual bool IsIpv6Supported() const noexcept = 0;
 };
 
+// Rule groups of several clients, changed one client at a time and handed to
+// the firewall together: the client calls only record what each client
+// wants; Submit makes the firewall hold it. Equal rules of several clients
+// stand in the firewall once and stay while any client wants them.
+struct IDynamicRules2 : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::IDynamicRules2;
+  // Adds `rules` to those the client `tag` wants (a new tag starts empty).
+  virtual oro::result_t AddClient(const std::string& tag, const RuleDescriptions& rules) noexcept = 0;
+  // Replaces the rules of a client it holds; errNotFound (0x8000004c) for a
+  // tag it does not hold.
+  virtual oro::result_t UpdateClient(const std::string& tag, const RuleDescriptions& rules) noexcept = 0;
+  // Drops a client; errFalse (1) when it does not hold the tag.
+  virtual oro::result_t RemoveClient(const std::string& tag) noexcept = 0;
+  // Brings the firewall to what the clients want now. A refused change is
+  // rolled back: the firewall and the clients return to the last submitted
+  // state, and the refusal is returned.
+  virtual oro::result_t Submit() noexcept = 0;
+};
+
+// The virtualisation mode's port exclusions: started by the host once the
+// firewall runs; the work is done on a thread of its own.
+struct ILumraModePortsExclude : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::ILumraModePortsExclude;
+  virtual oro::result_t Apply() noexcept = 0;
+};
+
+// Provided by the host: which kind of host of the virtualisation mode this
+// is ("master", "clone", "broker", ...). errFalse (1), `out` untouched, when
+// the host is not part of one.
+struct ILumraHostType : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::ILumraHostType;
+  virtual oro::result_t GetHostType(std::string& out) noexcept = 0;
+};
+
+// Optional, for hosts and tests that keep the exclusion data elsewhere: the
+// path of the file to read instead of the one shipped beside the module.
+// errFalse (1), `out` untouched, to read the shipped one.
+struct ILumraPortsFile : oro::IObject {
+  static constexpr oro::iid_t iid = oro::iid::ILumraPortsFile;
+  virtual oro::result_t GetPortsFile(std::string& out) noexcept = 0;
+};
+
 }  // namespace qel::firewall

@@ -2,6 +2,8 @@
 
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
+#include "firewall/lumra_mode_ports_exclude.h"
+#include "firewall/ostra_ports.h"
 #include "module/class_factory.h"
 #include "module/module_firewall_service.h"
 #include "module/module_firewall_task.h"
@@ -11,19 +13,23 @@ namespace {
 
 using FirewallServiceFactory = ClassFactory<&Create<ModuleFirewallService, firewall::IPacketRules>>;
 using FirewallTaskFactory = ClassFactory<&Create<ModuleFirewallTask, oro::ITask>>;
+using OstraPortsFactory = ClassFactory<&Create<firewall::OstraPorts, firewall::IOstraPorts>>;
 
 // Searched in this order.
 constexpr FactoryEntry kFactoryClasses[] = {
     {oro::clsid::FirewallService, &FirewallServiceFactory::Make},
     {oro::clsid::FirewallTask, &FirewallTaskFactory::Make},
+    {oro::clsid::OstraPorts, &OstraPortsFactory::Make},
 };
 
 // Searched in this order. Each class keeps its fixed position: the isolation
-// manager, isolation facade, virtualisation-mode port exclusion, bridge
-// controller and NFLOG listener factory come before the iptables firewall,
-// the qdisc controller and interface provider after the info provider; their
-// entries come with their classes.
+// manager and isolation facade come before the virtualisation-mode port
+// exclusion, the bridge controller and NFLOG listener factory after it and
+// before the iptables firewall, the qdisc controller and interface provider
+// after the info provider; their entries come with their classes.
 constexpr ClassEntry kDirectClasses[] = {
+    {oro::clsid::LumraModePortsExclude,
+     &Create<firewall::LumraModePortsExclude, firewall::ILumraModePortsExclude>},
     {oro::clsid::IptablesFirewall, &Create<firewall::IptablesFirewall, firewall::IFirewallStateQuery>},
     {oro::clsid::IptablesInfoProvider, &Create<firewall::IptablesInfoProvider, firewall::IIptablesInfoProvider>},
 };

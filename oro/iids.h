@@ -39,6 +39,9 @@ inline constexpr iid_t IIptablesInfoProvider = 0x35b8c6e2;
 inline constexpr iid_t IFeatureTechsAggregator = 0x70c4a9d1;
 inline constexpr iid_t IFirewallStatus = 0x5e93b1d7;
 inline constexpr iid_t ILumraModePortsExclude = 0x2b7c4f08;
+// Host services of the virtualisation mode
+inline constexpr iid_t ILumraHostType = 0x6a3d18e9;
+inline constexpr iid_t ILumraPortsFile = 0x3f0c7b52;
 }  // namespace iid
 
 namespace clsid {

@@ -5,8 +5,10 @@
 #include "firewall/firewall_interfaces.h"
 #include "oro/module_exports.h"
 #include "oro/task.h"
+#include "support/fake_dynamic_rules.h"
 #include "support/fake_firewall.h"
 #include "support/fake_framework.h"
+#include "support/fake_lumra_host.h"
 
 namespace qel::test {
 namespace {
@@ -73,6 +75,35 @@ TEST_F(ModuleExportsTest, TaskRunsAndUnloadIsRefusedWhileAFactoryOrObjectLives) 
   object.Reset();
   EXPECT_EQ(m_module.canUnload(), kInUse);
   task.Reset();
+}
+
+// The virtualisation mode's exclusions come from the data file shipped
+// beside the library, which the module finds by itself.
+TEST_F(ModuleExportsTest, AgentPortsAndVirtualisationExclusionsAnswer) {
+  auto firewall = Make<FakeDynamicRules>();
+  m_locator->Register(firewall);
+  m_locator->Register(static_cast<firewall::ILumraHostType*>(Make<FakeLumraHost>("clone", std::nullopt).Get()));
+
+  oro::RefPtr<oro::IObjectFactory> factory;
+  ASSERT_EQ(m_module.getFactory(m_locator.Get(), oro::clsid::OstraPorts, factory.Out()), oro::errOk);
+  oro::RefPtr<oro::IObject> object;
+  ASSERT_EQ(factory->CreateInstance(m_locator.Get(), object.Out()), oro::errOk);
+  auto ports = oro::QueryInterface<firewall::IOstraPorts>(object.Get());
+  auto control = oro::QueryInterface<firewall::IOstraPortsControl>(object.Get());
+  ASSERT_TRUE(ports && control);
+  EXPECT_EQ(ports->SetOstraPorts({{15000, 0, 0}}), oro::errOk);
+  EXPECT_EQ(control->SetApply(true), oro::errOk);
+
+  oro::RefPtr<oro::IObject> lumra;
+  ASSERT_EQ(m_module.createObject(oro::clsid::LumraModePortsExclude, m_locator.Get(), lumra.Out()), oro::errOk);
+  auto exclude = oro::QueryInterface<firewall::ILumraModePortsExclude>(lumra.Get());
+  ASSERT_TRUE(exclude);
+  EXPECT_EQ(exclude->Apply(), oro::errOk);
+  ASSERT_TRUE(firewall->WaitForCalls(2, std::chrono::seconds(30)));  // a guard against hanging
+  const auto calls = firewall->Calls();
+  EXPECT_EQ(calls[0].tag, "ostra");
+  EXPECT_EQ(calls[1].tag, "lumra");
+  EXPECT_FALSE(calls[1].rules.empty());
 }
 
 TEST_F(ModuleExportsTest, UnknownClassIdsAreRefused) {
