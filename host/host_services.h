@@ -14,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "firewall/firewall_interfaces.h"
 #include "oro/timer.h"
 #include "oro/tracer.h"
 #include "qel_common/feature_techs_aggregator.h"
@@ -79,13 +78,6 @@ class HostFeatureRegistry final : public ObjectImpl<HostFeatureRegistry, tools::
  private:
   std::mutex m_mutex;
   std::vector<std::pair<std::uint32_t, std::uint32_t>> m_features;
-};
-
-// The administration agent is not part of this host: its ports switch is
-// accepted and only traced.
-class NoAgentPorts final : public ObjectImpl<NoAgentPorts, firewall::IOstraPortsControl> {
- public:
-  oro::result_t SetApply(bool) noexcept override { return oro::errOk; }
 };
 
 // Answers GetInterface from the objects registered with it, newest first,
