@@ -11,7 +11,7 @@
 namespace qel::host {
 namespace {
 
-using OutcomeRequest = Outcome<ControlRequest>;
+using RequestOutcome = Outcome<ControlRequest>;
 
 // Thrown while one request is read and caught before ParseControlRequest
 // returns.
@@ -88,7 +88,8 @@ const Command& FindCommand(const Json& request) {
 }
 
 void CheckKeys(const Json& request, const Command& command) {
-  for (const auto& [key, value] : request.items()) {
+  for (const auto& item : request.items()) {
+    const std::string& key = item.key();
     if (key == "cmd") continue;
     if (std::find_if(command.keys.begin(), command.keys.end(), [&](const char* k) { return key == k; }) ==
         command.keys.end()) {
@@ -155,18 +156,20 @@ ControlRequest ReadRequest(const Json& request) {
 
 Outcome<ControlRequest> ParseControlRequest(std::string_view line) {
   if (NestingDepth(line, kMaxRequestDepth) > kMaxRequestDepth) {
-    return OutcomeRequest::Error("nested deeper than " + std::to_string(kMaxRequestDepth) + " levels");
+    return RequestOutcome::Error("nested deeper than " + std::to_string(kMaxRequestDepth) + " levels");
   }
   Json request;
   try {
     request = Json::parse(line);
-  } catch (const Json::parse_error& e) {
-    return OutcomeRequest::Error("not JSON: " + WithoutExceptionId(e.what()));
+  } catch (const Json::exception& e) {
+    // Mostly parse errors; a number too large for a double is an
+    // out-of-range error of its own.
+    return RequestOutcome::Error("not JSON: " + WithoutExceptionId(e.what()));
   }
   try {
     return ReadRequest(request);
   } catch (const RequestError& e) {
-    return OutcomeRequest::Error(e.text);
+    return RequestOutcome::Error(e.text);
   }
 }
 

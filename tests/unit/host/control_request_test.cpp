@@ -43,6 +43,7 @@ TEST(ControlRequest, RefusalsNameWhatIsWrong) {
       {"", "not JSON: parse error at line 1, column 1: syntax error while parsing value - unexpected end"},
       {R"({"cmd":"status")", "not JSON: parse error at line 1, column 16: syntax error while parsing object"},
       {R"({"cmd":"status"} {"cmd":"status"})", "not JSON: parse error at line 1, column 18: syntax error"},
+      {R"({"cmd":"status","x":1e999})", "not JSON: number overflow parsing '1e999'"},
       {"\"status\"", "expected a JSON object with \"cmd\""},
       {R"({"command":"status"})", "cmd: missing (one of status, add-rules, remove-rules, agent-ports)"},
       {R"({"cmd":["status"]})", "cmd: expected a string"},
