@@ -26,7 +26,7 @@ native_pkgs=(
   libgtest-dev libgmock-dev googletest
   iptables iproute2 util-linux
   clang-14 libclang-rt-14-dev llvm-14
-  socat netcat-openbsd iputils-ping
+  socat netcat-openbsd iputils-ping jq
 )
 cross_arch=arm64
 cross_pkgs=(
