@@ -103,7 +103,8 @@ int Ctl(const std::vector<std::string>& args) {
   std::string controlPath = qel::host::kDefaultControlPath;
   std::optional<std::string> request;
   for (std::size_t i = 0; i < args.size(); ++i) {
-    if (args[i] == "--control" && i + 1 < args.size()) {
+    if (args[i] == "--control") {
+      if (i + 1 >= args.size()) return UsageError("--control needs the socket's path");
       controlPath = args[++i];
     } else if (!request) {
       request = args[i];

@@ -126,7 +126,9 @@ class Session {
     try {
       const LoadedSettings loaded = LoadSettingsFile(m_options.settingsPath);
       ValidateRuleFields(loaded);
-      if (loaded.agentPorts && !SetAgentPorts(*loaded.agentPorts)) return;
+      // A port list the module could not put in force is reported; the
+      // settings are still worth applying.
+      if (loaded.agentPorts) SetAgentPorts(*loaded.agentPorts);
       const oro::result_t r = m_settings->SetSettings(&loaded.settings);
       if (ORO_FAILED(r)) {
         m_err << "firewall-host: settings not applied (result " << std::hex << r << std::dec
