@@ -71,7 +71,8 @@ precheck_network() {
 # Neighbour discovery is untracked and would fall to the default packet
 # block, so its two messages are allowed for IPv6 to work at all. The
 # agent's port 13000 may not open connections outwards by the
-# administrator's rules: only the agent's own rule lets it.
+# administrator's rules: only the agent's own rule lets it. As a
+# virtualisation-mode clone the host gets the exclusions shipped for it.
 write_settings() { # FILE OPEN_PORTS
   cat >"$1" <<SETTINGS
 [settings]
@@ -99,6 +100,9 @@ localPorts = 13000
 
 [agent]
 ports = $AGENT_PORTS
+
+[lumra]
+hostType = clone
 SETTINGS
 }
 
@@ -298,6 +302,8 @@ main() {
     return
   fi
   ok "the host starts with the agent's ports open"
+  check "the [lumra] host type's exclusions come under the tag lumra" \
+    eventually 25 ctl_gives '{"cmd":"status"}' 0 '(.tags.lumra | length > 0) and all(.tags.lumra[]; .kind == "bypass")'
   agent_ports_open_checks
   reload_checks "$settings"
   agent_ports_ctl_checks
