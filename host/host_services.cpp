@@ -98,49 +98,6 @@ void HostTimer::Loop() {
   }
 }
 
-namespace {
-
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (const unsigned char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
-}
-
-}  // namespace
-
-std::string EventJson(const oro::Event& event) {
-  std::string json = "{\"event\":" + JsonString(event.kind);
-  for (const auto& [name, value] : event.properties) json += "," + JsonString(name) + ":" + JsonString(value);
-  return json + "}";
-}
-
-oro::result_t JsonEventPublisher::PublishEvent(oro::Event&& event) noexcept {
-  try {
-    const std::string line = EventJson(event);
-    std::lock_guard lock(m_mutex);
-    m_out << line << std::endl;
-    return oro::errOk;
-  } catch (...) {
-    return oro::errUnexpected;
-  }
-}
-
 oro::result_t HostFeatureRegistry::SetFeature(std::uint32_t group, std::uint32_t feature) noexcept {
   std::lock_guard lock(m_mutex);
   m_features.emplace_back(group, feature);

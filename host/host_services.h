@@ -1,6 +1,6 @@
 // The framework services the reference host gives the module: tracer, timer,
-// event publisher, feature registry, and the service locator that hands
-// them out together with the module's own objects.
+// feature registry, and the service locator that hands them out together
+// with the module's own objects (the event publisher has a unit of its own).
 #pragma once
 
 #include <chrono>
@@ -14,8 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "firewall/firewall_interfaces.h"
-#include "oro/event_publisher.h"
 #include "oro/timer.h"
 #include "oro/tracer.h"
 #include "qel_common/feature_techs_aggregator.h"
@@ -69,20 +67,6 @@ class HostTimer final : public ObjectImpl<HostTimer, oro::ITimer> {
   std::thread m_thread;
 };
 
-// Writes each event as one JSON object per line:
-//   {"event":"FirewallIntegrityBroken","extra":"...","missing":"..."}
-class JsonEventPublisher final : public ObjectImpl<JsonEventPublisher, oro::IEventPublisher> {
- public:
-  explicit JsonEventPublisher(std::ostream& out) : m_out(out) {}
-  oro::result_t PublishEvent(oro::Event&& event) noexcept override;
-
- private:
-  std::mutex m_mutex;
-  std::ostream& m_out;
-};
-
-std::string EventJson(const oro::Event& event);
-
 // Records the features the module reports; the host shows them in its trace.
 class HostFeatureRegistry final : public ObjectImpl<HostFeatureRegistry, tools::IFeatureTechsAggregator> {
  public:
@@ -94,13 +78,6 @@ class HostFeatureRegistry final : public ObjectImpl<HostFeatureRegistry, tools::
  private:
   std::mutex m_mutex;
   std::vector<std::pair<std::uint32_t, std::uint32_t>> m_features;
-};
-
-// The administration agent is not part of this host: its ports switch is
-// accepted and only traced.
-class NoAgentPorts final : public ObjectImpl<NoAgentPorts, firewall::IOstraPortsControl> {
- public:
-  oro::result_t SetApply(bool) noexcept override { return oro::errOk; }
 };
 
 // Answers GetInterface from the objects registered with it, newest first,

@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "host/compile_command.h"
+#include "host/control_socket.h"
+#include "host/ctl_command.h"
 #include "host/loaded_module.h"
 #include "host/run_command.h"
 
@@ -16,10 +18,15 @@ constexpr const char* kUsage =
     "  firewall-host compile SETTINGS.ini [--family ipv4|ipv6]\n"
     "      print the rules the module would install, without touching the kernel\n"
     "  firewall-host run SETTINGS.ini [--trace-level N] [--trace-file FILE]\n"
-    "                    [--timer-speedup X] [--module PATH]\n"
+    "                    [--timer-speedup X] [--module PATH] [--control PATH]\n"
     "      load the module and enforce the settings until SIGINT or SIGTERM;\n"
     "      SIGHUP re-reads the settings, SIGUSR1 runs the integrity poll now;\n"
-    "      events are printed as JSON lines\n";
+    "      events are printed as JSON lines; requests are answered on the\n"
+    "      control socket (default /run/firewall-host/control.sock)\n"
+    "  firewall-host ctl [--control PATH] 'JSON'\n"
+    "      send one request to a running host and print its reply; exits 0\n"
+    "      when it was done, 1 when refused, 2 when the host cannot be reached\n"
+    "      e.g. firewall-host ctl '{\"cmd\":\"status\"}' (see docs/host.md)\n";
 
 int UsageError(const std::string& message) {
   std::cerr << "firewall-host: " << message << "\n" << kUsage;
@@ -63,6 +70,7 @@ bool ParseNumber(const std::string& text, double& out) {
 int Run(const std::vector<std::string>& args) {
   qel::host::RunOptions options;
   options.modulePath = qel::host::DefaultModulePath();
+  options.controlPath = qel::host::kDefaultControlPath;
   std::optional<std::string> path;
   for (std::size_t i = 0; i < args.size(); ++i) {
     const std::string& arg = args[i];
@@ -78,6 +86,8 @@ int Run(const std::vector<std::string>& args) {
       ++i;
     } else if (arg == "--module" && hasValue) {
       options.modulePath = args[++i];
+    } else if (arg == "--control" && hasValue) {
+      options.controlPath = args[++i];
     } else if (!path && arg.rfind("--", 0) != 0) {
       path = arg;
     } else {
@@ -89,6 +99,23 @@ int Run(const std::vector<std::string>& args) {
   return qel::host::RunFirewall(options, std::cout, std::cerr);
 }
 
+int Ctl(const std::vector<std::string>& args) {
+  std::string controlPath = qel::host::kDefaultControlPath;
+  std::optional<std::string> request;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--control") {
+      if (i + 1 >= args.size()) return UsageError("--control needs the socket's path");
+      controlPath = args[++i];
+    } else if (!request) {
+      request = args[i];
+    } else {
+      return UsageError("unexpected argument '" + args[i] + "'");
+    }
+  }
+  if (!request) return UsageError("ctl needs a request, e.g. '{\"cmd\":\"status\"}'");
+  return qel::host::RunCtlCommand(controlPath, *request, std::cout, std::cerr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -97,6 +124,7 @@ int main(int argc, char** argv) {
   const std::vector<std::string> args(argv + 2, argv + argc);
   if (command == "compile") return Compile(args);
   if (command == "run") return Run(args);
+  if (command == "ctl") return Ctl(args);
   if (command == "--help" || command == "-h" || command == "help") {
     std::cout << kUsage;
     return 0;

@@ -3,13 +3,19 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 
 #include "firewall/firewall_interfaces.h"
+#include "host/control_handler.h"
+#include "host/control_server.h"
+#include "host/control_socket.h"
 #include "host/host_services.h"
+#include "host/json_event_publisher.h"
 #include "host/loaded_module.h"
+#include "host/lumra_host_type.h"
 #include "host/settings_ini.h"
 #include "oro/task.h"
 
@@ -65,22 +71,29 @@ class Session {
     m_locator->Register(static_cast<oro::ITimer*>(m_timer.Get()));
     m_locator->Register(static_cast<oro::IEventPublisher*>(m_publisher.Get()));
     RegisterNew(new HostFeatureRegistry);
-    RegisterNew(new NoAgentPorts);
   }
 
   ~Session() { Shutdown(); }
 
-  // Creates the module's objects and starts the task.
-  bool Start(const settings::FirewallSettings& settings) {
+  // Creates the module's objects, hands the agent's ports over and starts
+  // the task.
+  bool Start(const LoadedSettings& loaded) {
     m_locator->Register(m_module.CreateDirectly(oro::clsid::IptablesInfoProvider, m_locator.Get()).Get());
     m_locator->Register(m_module.CreateDirectly(oro::clsid::IptablesFirewall, m_locator.Get()).Get());
     m_service = m_module.CreateWithFactory(oro::clsid::FirewallService, m_locator.Get());
     m_locator->Register(m_service.Get());
+    // The agent's ports turn into the service's dynamic rules, and the task
+    // switches them: after the one, before the other.
+    m_ostraPortsObject = m_module.CreateWithFactory(oro::clsid::OstraPorts, m_locator.Get());
+    m_locator->Register(m_ostraPortsObject.Get());
+    m_ostraPorts = Require<firewall::IOstraPorts>(m_ostraPortsObject, "IOstraPorts");
+    if (loaded.agentPorts && !SetAgentPorts(*loaded.agentPorts)) return false;
+
     m_taskObject = m_module.CreateWithFactory(oro::clsid::FirewallTask, m_locator.Get());
     auto construct = Require<firewall::IFirewallTaskConstruct>(m_taskObject, "IFirewallTaskConstruct");
     m_task = Require<oro::ITask>(m_taskObject, "ITask");
     m_settings = Require<firewall::IFirewallTaskSettings>(m_taskObject, "IFirewallTaskSettings");
-    oro::result_t r = construct->Construct(&settings);
+    oro::result_t r = construct->Construct(&loaded.settings);
     if (ORO_SUCCEEDED(r)) {
       m_stopReporter = oro::RefPtr<StopReporter>::Adopt(new StopReporter(m_err));
       r = m_task->Start(1, m_stopReporter.Get());
@@ -92,13 +105,30 @@ class Session {
     }
     m_started = true;
     m_err << "firewall-host: firewall task started" << std::endl;
+    if (loaded.lumraHostType) StartLumraExclusions(*loaded.lumraHostType);
     return true;
+  }
+
+  // Answers requests on `socket` until the session ends.
+  void Serve(ControlSocket socket) {
+    const std::string path = socket.Path();
+    ControlHandler handler(Require<firewall::IFirewallStatus>(m_service, "IFirewallStatus"),
+                           Require<firewall::IDynamicRules>(m_service, "IDynamicRules"), m_ostraPorts,
+                           [this] { return HostFacts{m_started.load(), m_publisher->IntegrityEvents()}; });
+    m_control = std::make_unique<ControlServer>(
+        std::move(socket), [handler = std::move(handler)](std::string_view line) mutable {
+          return handler.Handle(line);
+        });
+    m_err << "firewall-host: control socket " << path << std::endl;
   }
 
   void Reload() {
     try {
       const LoadedSettings loaded = LoadSettingsFile(m_options.settingsPath);
       ValidateRuleFields(loaded);
+      // A port list the module could not put in force is reported; the
+      // settings are still worth applying.
+      if (loaded.agentPorts) SetAgentPorts(*loaded.agentPorts);
       const oro::result_t r = m_settings->SetSettings(&loaded.settings);
       if (ORO_FAILED(r)) {
         m_err << "firewall-host: settings not applied (result " << std::hex << r << std::dec
@@ -120,14 +150,42 @@ class Session {
     object->Release();
   }
 
-  // Stops the task, then releases the service while the backend is still
-  // reachable, so that it can remove its rules; then everything else.
+  // The virtualisation mode's ports are excluded once the firewall runs, on
+  // the module's own thread; the host type is read at start only.
+  void StartLumraExclusions(const std::string& hostType) {
+    RegisterNew(new LumraHostType(hostType));
+    m_lumraObject = m_module.CreateDirectly(oro::clsid::LumraModePortsExclude, m_locator.Get());
+    const oro::result_t r = Require<firewall::ILumraModePortsExclude>(m_lumraObject, "ILumraModePortsExclude")->Apply();
+    if (ORO_FAILED(r)) {
+      m_err << "firewall-host: the virtualisation mode's exclusions did not start (result " << std::hex << r
+            << std::dec << "); see the trace" << std::endl;
+    }
+  }
+
+  bool SetAgentPorts(const firewall::OstraPortList& ports) {
+    const oro::result_t r = m_ostraPorts->SetOstraPorts(ports);
+    if (ORO_FAILED(r)) {
+      m_err << "firewall-host: the agent's ports were not applied (result " << std::hex << r << std::dec
+            << "); see the trace" << std::endl;
+    }
+    return ORO_SUCCEEDED(r);
+  }
+
+  // Stops answering requests and waits for the exclusions' thread, then
+  // stops the task; releases the agent's
+  // ports and then the service while the backend is still reachable, so
+  // that the service can remove its rules; then everything else.
   void Shutdown() {
+    m_control.reset();
+    m_lumraObject.Reset();  // waits for its thread
     if (m_started) m_task->Stop();
     m_started = false;
     m_task.Reset();
     m_settings.Reset();
     m_taskObject.Reset();
+    m_ostraPorts.Reset();
+    if (m_ostraPortsObject) m_locator->Unregister(m_ostraPortsObject.Get());
+    m_ostraPortsObject.Reset();
     if (m_service) m_locator->Unregister(m_service.Get());
     m_service.Reset();
     m_timer->Shutdown();
@@ -144,11 +202,15 @@ class Session {
   oro::RefPtr<HostLocator> m_locator;
   LoadedModule m_module;
   oro::RefPtr<oro::IObject> m_service;
+  oro::RefPtr<oro::IObject> m_ostraPortsObject;
+  oro::RefPtr<firewall::IOstraPorts> m_ostraPorts;
   oro::RefPtr<oro::IObject> m_taskObject;
   oro::RefPtr<oro::ITask> m_task;
   oro::RefPtr<firewall::IFirewallTaskSettings> m_settings;
   oro::RefPtr<StopReporter> m_stopReporter;
-  bool m_started = false;
+  oro::RefPtr<oro::IObject> m_lumraObject;
+  std::atomic<bool> m_started = false;
+  std::unique_ptr<ControlServer> m_control;
 };
 
 }  // namespace
@@ -165,9 +227,17 @@ int RunFirewall(const RunOptions& options, std::ostream& events, std::ostream& e
     err << "firewall-host: " << e.what() << std::endl;
     return 2;
   }
+  // Before the module touches anything: a second host on the same socket
+  // must not start at all.
+  auto socket = ControlSocket::Open(options.controlPath);
+  if (!socket) {
+    err << "firewall-host: control socket: " << socket.ErrorText() << std::endl;
+    return 2;
+  }
   try {
     Session session(options, events, err);
-    if (!session.Start(loaded.settings)) return 1;
+    if (!session.Start(loaded)) return 1;
+    session.Serve(std::move(socket).Value());
     for (;;) {
       int signal = 0;
       if (sigwait(&signals, &signal) != 0) continue;

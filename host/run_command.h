@@ -13,6 +13,7 @@ struct RunOptions {
   std::uint32_t traceLevel = 700;         // messages up to this level are written
   std::optional<std::string> traceFile;   // standard error when absent
   double timerSpeedup = 1.0;              // divides the module's timer periods
+  std::string controlPath;                // the control socket
 };
 
 // firewall-host run SETTINGS.ini
@@ -21,8 +22,9 @@ struct RunOptions {
 // starts the firewall task with the settings and runs until SIGINT or
 // SIGTERM; then stops the task and releases every object, which removes the
 // module's rules. SIGHUP re-reads the settings file (a bad file is reported
-// and the rules in force stay); SIGUSR1 runs the due poll at once. Events go
-// to `events` as one JSON object per line. Returns the exit code.
+// and the rules in force stay); SIGUSR1 runs the due poll at once. Requests
+// on the control socket are answered while the task runs. Events go to
+// `events` as one JSON object per line. Returns the exit code.
 int RunFirewall(const RunOptions& options, std::ostream& events, std::ostream& err);
 
 }  // namespace qel::host

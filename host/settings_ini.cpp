@@ -6,10 +6,13 @@
 #include <boost/algorithm/string/trim.hpp>
 #include <boost/property_tree/ini_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
+#include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <set>
 #include <sstream>
 
+#include "host/ostra_port_text.h"
 #include "qel_common/string_conv.h"
 
 namespace qel::host {
@@ -110,6 +113,38 @@ void ReadGlobalSettings(const pt::ptree& keys, settings::FirewallSettings& out) 
   }
 }
 
+// "15000/tcp/in; 13000/tcp/inout": list elements as in the zone lists.
+firewall::OstraPortList ReadAgentSection(const pt::ptree& keys) {
+  const std::string section = "agent";
+  RejectUnknownKeys(section, keys, {"ports"});
+  firewall::OstraPortList ports;
+  const std::string value = keys.get<std::string>("ports", "");
+  std::vector<std::string> items;
+  boost::algorithm::split(items, value, [](char c) { return c == ';'; });
+  for (auto& item : items) {
+    boost::algorithm::trim(item);
+    if (item.empty()) continue;
+    const auto port = ParseOstraPort(item);
+    if (!port) Fail(section, "ports", port.ErrorText());
+    ports.push_back(port.Value());
+  }
+  return ports;
+}
+
+// Names as the module's exclusion data writes them.
+std::string ReadLumraSection(const pt::ptree& keys) {
+  const std::string section = "lumra";
+  RejectUnknownKeys(section, keys, {"hostType"});
+  const auto hostType = keys.get_optional<std::string>("hostType");
+  if (!hostType) Fail(section, "hostType", "missing (it is required)");
+  const std::string name = boost::algorithm::trim_copy(*hostType);
+  const bool wellFormed = !name.empty() && std::all_of(name.begin(), name.end(), [](unsigned char c) {
+    return std::isalnum(c) || c == '-' || c == '_' || c == '.';
+  });
+  if (!wellFormed) Fail(section, "hostType", "'" + name + "' is not a name of letters, digits, '-', '_' and '.'");
+  return name;
+}
+
 settings::PacketRule ReadRule(const std::string& section, const pt::ptree& keys) {
   RejectUnknownKeys(section, keys,
                     {"name", "action", "direction", "protocol", "remotePorts", "localPorts", "icmpType", "icmpCode",
@@ -164,13 +199,17 @@ LoadedSettings ParseSettingsIni(std::istream& in) {
   for (const auto& [section, keys] : tree) {
     if (section == "settings") {
       ReadGlobalSettings(keys, loaded.settings);
+    } else if (section == "agent") {
+      loaded.agentPorts = ReadAgentSection(keys);
+    } else if (section == "lumra") {
+      loaded.lumraHostType = ReadLumraSection(keys);
     } else if (boost::algorithm::starts_with(section, kRulePrefix) && section.size() > std::string(kRulePrefix).size()) {
       loaded.settings.packetRules.push_back(ReadRule(section, keys));
       loaded.ruleSections.push_back(section);
     } else if (keys.empty() && !keys.data().empty()) {
       Fail("", section, "key outside of any section");
     } else {
-      Fail(section, "", "unknown section (expected [settings] or [rule NAME])");
+      Fail(section, "", "unknown section (expected [settings], [agent], [lumra] or [rule NAME])");
     }
   }
   return loaded;

@@ -11,15 +11,25 @@
 //   protocol = TCP
 //   localPorts = 22
 //
+//   [agent]
+//   ports = 15000/tcp/in; 13000/tcp/inout; 15001/udp/in
+//
+//   [lumra]
+//   hostType = clone
+//
 // A ";" preceded by a blank starts a comment; a ";" right after a value
-// separates list elements.
+// separates list elements. The [agent] section is optional: without it the
+// host leaves the agent's port list as it is. So is [lumra]: without it the
+// host is in no virtualisation mode.
 #pragma once
 
 #include <istream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "firewall/firewall_interfaces.h"
 #include "firewall/firewall_settings.h"
 #include "firewall/iptables_rule_compiler.h"
 
@@ -29,6 +39,10 @@ struct LoadedSettings {
   settings::FirewallSettings settings;
   // The section of each packet rule, by rule index ("rule ssh").
   std::vector<std::string> ruleSections;
+  // The administration agent's ports, when the file has an [agent] section.
+  std::optional<firewall::OstraPortList> agentPorts;
+  // The virtualisation mode's host type, when the file has a [lumra] section.
+  std::optional<std::string> lumraHostType;
 };
 
 // Names the section, the key and what is wrong, e.g.

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # The firewall module at work, between two network namespaces joined by a
 # veth pair: firewall-host enforces examples/demo.ini in one ("host"), the
-# other ("peer") tries connections the settings allow and block. Then a rule
-# is deleted by hand and repaired, and the host stops, leaving the tables as
+# other ("peer") tries connections the settings allow and block. The
+# administration agent's port stays reachable until openOstraPorts is turned
+# off; a rule is added and removed through `firewall-host ctl`; a rule is
+# deleted by hand and repaired; and the host stops, leaving the tables as
 # they were. Uses the machine's default iptables backend; touches nothing
-# outside the two namespaces it creates.
+# outside the two namespaces it creates and its scratch directory.
 #
 #   scripts/demo.sh BUILD_DIR
 set -euo pipefail
@@ -18,7 +20,7 @@ if [[ ${FWDEMO_INNER:-} != 1 ]]; then
     exit 1
   fi
   missing=()
-  for tool in ip unshare mount socat nc ping timeout iptables ip6tables; do
+  for tool in ip unshare mount socat nc ping timeout iptables ip6tables jq; do
     command -v "$tool" >/dev/null 2>&1 || missing+=("$tool")
   done
   if (( ${#missing[@]} )); then
@@ -33,7 +35,7 @@ fi
 here=$(cd "$(dirname "$0")/.." && pwd)
 HOST_BIN=$(realpath -e "$1/firewall-host") || { echo "demo: no firewall-host in $1 (build first)" >&2; exit 1; }
 # The "settings say" column of the probe table is written for this file.
-SETTINGS=$here/examples/demo.ini
+EXAMPLE=$here/examples/demo.ini
 
 readonly NS_HOST=fwdemo-$$-host NS_PEER=fwdemo-$$-peer
 readonly H4=10.77.0.1 P4=10.77.0.2 H6=fd77::1 P6=fd77::2
@@ -41,6 +43,10 @@ readonly H4=10.77.0.1 P4=10.77.0.2 H6=fd77::1 P6=fd77::2
 source "$here/scripts/netns-pair.sh"
 WORK=$(mktemp -d /tmp/fwdemo.XXXXXX)
 HOST_PID=
+# The host runs on a copy, which the demo edits to turn the agent's ports off.
+SETTINGS=$WORK/demo.ini
+cp "$EXAMPLE" "$SETTINGS"
+CONTROL=$WORK/control/control.sock
 
 cleanup() {
   local rc=$?
@@ -85,6 +91,7 @@ listen() { # NS PORT WORD
 listen "$NS_HOST" 22 ssh
 listen "$NS_HOST" 80 web
 listen "$NS_HOST" 8080 app
+listen "$NS_HOST" 15000 agent
 listen "$NS_PEER" 80 web
 listen "$NS_PEER" 23 telnet
 
@@ -108,6 +115,8 @@ PROBES=(
   "peer -> host  TCP 80   (web)      IPv4|blocked|tcp $NS_PEER $H4 80 web"
   "peer -> host  TCP 80   (web)      IPv6|blocked|tcp $NS_PEER $H6 80 web"
   "peer -> host  TCP 8080 (app)      IPv4|blocked|tcp $NS_PEER $H4 8080 app"
+  "peer -> host  TCP 15000 (agent)   IPv4|connects|tcp $NS_PEER $H4 15000 agent"
+  "peer -> host  TCP 15000 (agent)   IPv6|connects|tcp $NS_PEER $H6 15000 agent"
   "peer -> host  ping                IPv4|answers|icmp $NS_PEER $H4"
   "peer -> host  ping                IPv6|answers|icmp $NS_PEER $H6"
   "host -> peer  TCP 80   (own conn) IPv4|connects|tcp $NS_HOST $P4 80 web"
@@ -180,7 +189,8 @@ cat <<EOF | indent
 host namespace  $NS_HOST   veth-h  $H4/24  $H6/64   (runs firewall-host)
 peer namespace  $NS_PEER   veth-p  $P4/24  $P6/64
 iptables        $(iptables -V)
-settings        ${SETTINGS#"$here"/}
+settings        ${EXAMPLE#"$here"/}
+control socket  $CONTROL
 EOF
 
 # Installing rules makes the filter table and removing them leaves it, so
@@ -206,9 +216,9 @@ heading "Starting firewall-host"
 # $! would be that shell rather than the host. `ip netns exec` replaces
 # itself with the command.
 ip netns exec "$NS_HOST" "$HOST_BIN" run "$SETTINGS" --trace-level 800 --trace-file "$WORK/trace" \
-  >"$WORK/events" 2>"$WORK/stderr" &
+  --control "$CONTROL" >"$WORK/events" 2>"$WORK/stderr" &
 HOST_PID=$!
-if ! wait_for "$WORK/stderr" "firewall task started"; then
+if ! wait_for "$WORK/stderr" "control socket "; then
   echo "demo: the host did not start:" >&2
   cat "$WORK/stderr" >&2
   exit 1
@@ -220,6 +230,46 @@ probe_table
 
 heading "Chains the module installed (host namespace): one jump per built-in chain, at its head"
 show_tables
+
+expect() { # WHAT OUTCOME EXPECTED
+  printf '    %-52s %s\n' "$1" "$(colour "$2" "$3")"
+  [[ $2 == "$3" ]] || MISMATCHES=$((MISMATCHES + 1))
+}
+ctl() { # JSON: prints the request and the reply
+  echo "    # firewall-host ctl '$1'"
+  "$HOST_BIN" ctl --control "$CONTROL" "$1" | indent
+}
+
+heading "The administration agent's port 15000 ([agent] ports = 15000/tcp/in, openOstraPorts = true)"
+echo "    its rules, under the tag \"ostra\", stand before the administrator's rules:"
+in_host iptables -S vorn_input | grep -- '--dport 15000' | indent
+in_host iptables -S vorn_output | grep -- '--sport 15000' | indent
+expect "peer -> host TCP 15000 (agent)" "$(tcp "$NS_PEER" "$H4" 15000 agent)" connects
+expect "peer -> host TCP 8080  (app, nobody's)" "$(tcp "$NS_PEER" "$H4" 8080 app)" blocked
+
+heading "Turning openOstraPorts off (edit the settings, SIGHUP)"
+sed -i 's/^openOstraPorts = true/openOstraPorts = false/' "$SETTINGS"
+kill -HUP "$HOST_PID"
+if ! wait_for "$WORK/stderr" "settings reloaded"; then
+  echo "demo: the host did not reload its settings:" >&2
+  cat "$WORK/stderr" >&2
+  exit 1
+fi
+echo "    rules naming port 15000 now: $(in_host iptables -S | grep -c -- 'port 15000' || true)"
+expect "peer -> host TCP 15000 (agent)" "$(tcp "$NS_PEER" "$H4" 15000 agent)" blocked
+
+heading "A dynamic rule added and removed through firewall-host ctl"
+# With incoming connections blocked by default, the rule for the port takes
+# one for its way back.
+web_rules='[{"kind":"access","action":0,"proto":6,"localPorts":[8080,8080],"side":"incoming"},{"kind":"access","action":0,"proto":6,"localPorts":[8080,8080],"side":"outgoing","ctstate":"ESTABLISHED"}]'
+ctl "{\"cmd\":\"add-rules\",\"tag\":\"demo\",\"rules\":$web_rules}"
+expect "peer -> host TCP 8080 (app)" "$(tcp "$NS_PEER" "$H4" 8080 app)" connects
+echo "    # firewall-host ctl '{\"cmd\":\"status\"}' | jq -c '.tags.demo[]'"
+"$HOST_BIN" ctl --control "$CONTROL" '{"cmd":"status"}' | jq -c '.tags.demo[]' | indent
+ctl "{\"cmd\":\"remove-rules\",\"rules\":$web_rules}"
+expect "peer -> host TCP 8080 (app)" "$(tcp "$NS_PEER" "$H4" 8080 app)" blocked
+echo "    a rule the module cannot take is refused with its reason, and changes nothing:"
+ctl '{"cmd":"add-rules","tag":"demo","rules":[{"kind":"access","action":0,"localPorts":[8080,8080]}]}' || true
 
 heading "Deleting a module rule by hand"
 rule=$(in_host iptables -S vorn_input | grep -- '--dport 22' | grep -- '--ctstate NEW -j ACCEPT' | head -n 1)

@@ -22,10 +22,11 @@ native_pkgs=(
   cmake g++ make pkg-config file
   libmnl-dev libbpf-dev libelf-dev zlib1g-dev
   libboost-dev libboost-filesystem-dev libboost-system-dev
+  nlohmann-json3-dev
   libgtest-dev libgmock-dev googletest
   iptables iproute2 util-linux
   clang-14 libclang-rt-14-dev llvm-14
-  socat netcat-openbsd iputils-ping
+  socat netcat-openbsd iputils-ping jq
 )
 cross_arch=arm64
 cross_pkgs=(
@@ -34,6 +35,8 @@ cross_pkgs=(
   "zlib1g-dev:$cross_arch" "libboost-dev:$cross_arch"
   "libboost-filesystem-dev:$cross_arch" "libboost-system-dev:$cross_arch"
   "libgtest-dev:$cross_arch" "libgmock-dev:$cross_arch"
+  # Headers only and architecture-independent: the one package serves both.
+  nlohmann-json3-dev
 )
 
 native_arch=$(dpkg --print-architecture)

@@ -35,7 +35,9 @@ TEST(SettingsIni, ReadsSettingsAndRulesInFileOrder) {
       "networkZonesTrusted = 10.0.0.0/8; fd00::/8\n"
       "[rule ssh]\naction = Allow\ndirection = Incoming   ; stateful\nprotocol = TCP\nlocalPorts = 22\n"
       "doLogAttempts = true\nremoteAddress = 10.0.0.1; fe80::1   ; spaced out\n"
-      "[rule second]\nname = Block Telnet\naction = Block\ndirection = OutgoingPacket\n");
+      "[rule second]\nname = Block Telnet\naction = Block\ndirection = OutgoingPacket\n"
+      "[agent]\nports = 15000/tcp/in; 13000/TCP/InOut;15001/udp/out ;  the agent's own\n"
+      "[lumra]\nhostType = clone\n");
   const FirewallSettings expected{
       .defaultIncomingAction = PacketRuleAction::Allow,
       .packetRules = {{.name = u"ssh", .direction = PacketRuleDirection::Incoming, .protocol = PacketRuleProtocol::TCP,
@@ -46,6 +48,12 @@ TEST(SettingsIni, ReadsSettingsAndRulesInFileOrder) {
       .networkZonesTrusted = {u"10.0.0.0/8", u"fd00::/8"}};
   EXPECT_EQ(loaded.settings, expected);
   EXPECT_EQ(loaded.ruleSections, (std::vector<std::string>{"rule ssh", "rule second"}));
+  EXPECT_EQ(loaded.agentPorts, (firewall::OstraPortList{{15000, 0, 0}, {13000, 0, 2}, {15001, 1, 1}}));
+  // Without the section the agent's ports are left as they are; with it, even empty, they are set.
+  EXPECT_EQ(loaded.lumraHostType, "clone");
+  EXPECT_EQ(Parse("[settings]\n").agentPorts, std::nullopt);
+  EXPECT_EQ(Parse("[settings]\n").lumraHostType, std::nullopt);
+  EXPECT_EQ(Parse("[agent]\nports =\n").agentPorts, firewall::OstraPortList{});
 }
 
 TEST(SettingsIni, ErrorsNameSectionKeyAndReason) {
@@ -61,6 +69,11 @@ TEST(SettingsIni, ErrorsNameSectionKeyAndReason) {
       {rule + "remoteAddress = 10.0.0.300\n", "[rule ssh] remoteAddress: '10.0.0.300': Invalid format of ip address"},
       {rule + "protocol = TCP\nlocalPorts = 22x\n", "[rule ssh] localPorts: '22x': bad lexical cast"},
       {rule + "action = Block\n", "duplicate key name"},
+      {"[agent]\nports = 15000/tcp/in; 15001/udp/sideways\n",
+       "[agent] ports: '15001/udp/sideways': direction 'sideways' is not one of in, out, inout"},
+      {"[agent]\nports = 15000/tcp\n", "[agent] ports: '15000/tcp': expected PORT/PROTOCOL/DIRECTION"},
+      {"[agent]\nport = 15000/tcp/in\n", "[agent] port: unknown key (expected one of ports)"},
+      {"[lumra]\nhostType = pool master\n", "[lumra] hostType: 'pool master' is not a name of letters"},
   };
   for (const auto& [text, error] : cases) {
     const std::string got = ErrorOf(text);

@@ -1,0 +1,49 @@
+// The requests of the host's control socket: one JSON object per line.
+//
+//   {"cmd":"status"}
+//   {"cmd":"add-rules","tag":"web","rules":[{"kind":"access","action":0,...}]}
+//   {"cmd":"remove-rules","rules":[...]}
+//   {"cmd":"agent-ports","ports":["15000/tcp/in","13000/tcp/inout"]}
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "firewall/firewall_interfaces.h"
+#include "host/outcome.h"
+
+namespace qel::host {
+
+struct StatusRequest {
+  bool operator==(const StatusRequest&) const = default;
+};
+
+struct AddRulesRequest {
+  std::string tag;
+  firewall::RuleDescriptions rules;
+  bool operator==(const AddRulesRequest&) const = default;
+};
+
+struct RemoveRulesRequest {
+  firewall::RuleDescriptions rules;
+  bool operator==(const RemoveRulesRequest&) const = default;
+};
+
+struct AgentPortsRequest {
+  firewall::OstraPortList ports;
+  bool operator==(const AgentPortsRequest&) const = default;
+};
+
+using ControlRequest = std::variant<StatusRequest, AddRulesRequest, RemoveRulesRequest, AgentPortsRequest>;
+
+// Objects nest at most this deep in a request; deeper text is refused before
+// it is parsed, so that no line can exhaust the stack.
+inline constexpr int kMaxRequestDepth = 8;
+
+// Reads one line, without its newline. Anything but a well-formed request of
+// a known command with exactly its keys is refused, with the key (as a path
+// like "rules[2].proto") and what is wrong.
+Outcome<ControlRequest> ParseControlRequest(std::string_view line);
+
+}  // namespace qel::host
