@@ -57,22 +57,12 @@ FirewallService::~FirewallService() {
 }
 
 result_t FirewallService::FinalConstruct() {
-  result_t r;
-  m_pollTimer = TryGetInterface<oro::ITimer>(m_locator, r);
-  if (!m_pollTimer) {
-    m_tracer.Write(Error, "Cannot get ITimer interface");
-    return r;
-  }
-  m_eventPublisher = TryGetInterface<oro::IEventPublisher>(m_locator, r);
-  if (!m_eventPublisher) {
-    m_tracer.Write(Error, "Cannot get IEventPublisher interface");
-    return r;
-  }
-  m_infoProvider = TryGetInterface<IIptablesInfoProvider>(m_locator, r);
-  if (!m_infoProvider) {
-    m_tracer.Write(Error, "Cannot get IIptablesInfoProvider interface");
-    return r;
-  }
+  result_t r = Locate(m_locator, m_tracer, "ITimer", m_pollTimer);
+  if (ORO_FAILED(r)) return r;
+  r = Locate(m_locator, m_tracer, "IEventPublisher", m_eventPublisher);
+  if (ORO_FAILED(r)) return r;
+  r = Locate(m_locator, m_tracer, "IIptablesInfoProvider", m_infoProvider);
+  if (ORO_FAILED(r)) return r;
   m_pollHandler = oro::RefPtr<PollHandler>::Adopt(new PollHandler(this));
   m_tracer.Write(Warning, "FirewallService", ": g_isSuitableConntrack = ", m_suitableConntrack ? 1 : 0);
   return oro::errOk;

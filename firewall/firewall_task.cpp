@@ -17,17 +17,10 @@ FirewallTask::FirewallTask(oro::IServiceLocator* locator, std::unique_ptr<RuleLo
 }
 
 result_t FirewallTask::FinalConstruct() {
-  result_t r;
-  m_ostraPorts = TryGetInterface<IOstraPortsControl>(m_locator, r);
-  if (!m_ostraPorts) {
-    m_tracer.Write(Error, "Cannot get IOstraPortsControl interface");
-    return r;
-  }
-  m_packetRules = TryGetInterface<IPacketRules>(m_locator, r);
-  if (!m_packetRules) {
-    m_tracer.Write(Error, "Cannot get IPacketRules interface");
-    return r;
-  }
+  result_t r = Locate(m_locator, m_tracer, "IOstraPortsControl", m_ostraPorts);
+  if (ORO_FAILED(r)) return r;
+  r = Locate(m_locator, m_tracer, "IPacketRules", m_packetRules);
+  if (ORO_FAILED(r)) return r;
   return oro::errOk;
 }
 

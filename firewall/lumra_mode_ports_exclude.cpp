@@ -50,13 +50,7 @@ LumraModePortsExclude::~LumraModePortsExclude() {
 }
 
 result_t LumraModePortsExclude::FinalConstruct() {
-  result_t r;
-  m_dynamicRules = TryGetInterface<IDynamicRules>(m_locator, r);
-  if (!m_dynamicRules) {
-    m_tracer.Write(Error, "Cannot get IDynamicRules interface");
-    return r;
-  }
-  return oro::errOk;
+  return Locate(m_locator, m_tracer, "IDynamicRules", m_dynamicRules);
 }
 
 void LumraModePortsExclude::FinalRelease() noexcept {

@@ -82,13 +82,7 @@ OstraPorts::OstraPorts(oro::IServiceLocator* locator) : m_locator(locator) {
 }
 
 result_t OstraPorts::FinalConstruct() {
-  result_t r;
-  m_dynamicRules = TryGetInterface<IDynamicRules>(m_locator, r);
-  if (!m_dynamicRules) {
-    m_tracer.Write(Error, "Cannot get IDynamicRules interface");
-    return r;
-  }
-  return oro::errOk;
+  return Locate(m_locator, m_tracer, "IDynamicRules", m_dynamicRules);
 }
 
 RuleDescriptions OstraPorts::RulesOf(const std::set<OstraPort>& ports) {

@@ -4,6 +4,7 @@
 #include "oro/exception.h"
 #include "oro/object.h"
 #include "oro/ref_ptr.h"
+#include "qel_tracing/tracer.h"
 
 namespace qel {
 
@@ -25,6 +26,17 @@ oro::RefPtr<I> GetInterface(oro::IServiceLocator* locator) {
   auto p = TryGetInterface<I>(locator, r);
   if (!p) throw oro::GetInterfaceException(r);
   return p;
+}
+
+// Looks up I into `out`; when the locator has none, traces "Cannot get "
+// `name` " interface" at error level and returns the locator's code.
+template <class I>
+oro::result_t Locate(oro::IServiceLocator* locator, const tracing::Tracer& tracer, const char* name,
+                     oro::RefPtr<I>& out) {
+  oro::result_t result;
+  out = TryGetInterface<I>(locator, result);
+  if (!out) tracer.Write(tracing::Error, "Cannot get ", name, " interface");
+  return result;
 }
 
 }  // namespace qel
