@@ -162,6 +162,14 @@ result_t FirewallTask::SetSettings(const FirewallSettings* settings) noexcept {
   });
 }
 
+result_t FirewallTask::GetNflogCounts(NflogCounts& out) noexcept {
+  return tracing::Guarded(m_tracer, "GetNflogCounts", [&] {
+    std::lock_guard lock(m_taskMutex);
+    out = m_state == oro::types::TaskState::Started ? m_fwLogger->GetCounts() : NflogCounts{};
+    return oro::errOk;
+  });
+}
+
 // Applies new settings to a running task. The logger is restarted on the new
 // groups even when the rules could not be updated, so that it always follows
 // the groups the administrator asked for.

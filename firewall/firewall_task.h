@@ -15,7 +15,8 @@
 
 namespace qel::firewall {
 
-class FirewallTask : public ObjectImpl<FirewallTask, oro::ITask, IFirewallTaskConstruct, IFirewallTaskSettings> {
+class FirewallTask
+    : public ObjectImpl<FirewallTask, oro::ITask, IFirewallTaskConstruct, IFirewallTaskSettings, INflogCounters> {
  public:
   FirewallTask(oro::IServiceLocator* locator, std::unique_ptr<RuleLogger> logger);
 
@@ -32,6 +33,8 @@ class FirewallTask : public ObjectImpl<FirewallTask, oro::ITask, IFirewallTaskCo
   // IFirewallTaskSettings
   oro::result_t GetSettings(settings::FirewallSettings* out) noexcept override;
   oro::result_t SetSettings(const settings::FirewallSettings* settings) noexcept override;
+  // INflogCounters: the packet logger's counts, empty while stopped.
+  oro::result_t GetNflogCounts(NflogCounts& out) noexcept override;
 
   // Packet rule i that logs uses group MinNflogGroup + i; the index counts
   // every rule so a rule keeps its group whatever its neighbours do.

@@ -7,7 +7,9 @@ namespace qel::host {
 std::string EventJson(const oro::Event& event) {
   Json line = Json::object();
   line["event"] = event.kind;
-  for (const auto& [name, value] : event.properties) line[name] = value;
+  for (const auto& [name, value] : event.properties) {
+    std::visit([&line, &name](const auto& v) { line[name] = v; }, value);
+  }
   return JsonLine(line);
 }
 

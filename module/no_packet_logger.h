@@ -10,6 +10,7 @@ class NoPacketLogger final : public firewall::RuleLogger {
  public:
   oro::result_t Start(const firewall::NflogGroupList&) override { return oro::errOk; }
   oro::result_t Stop() override { return oro::errOk; }
+  firewall::NflogCounts GetCounts() const override { return {}; }
 };
 
 }  // namespace qel::module

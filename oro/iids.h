@@ -39,6 +39,12 @@ inline constexpr iid_t IIptablesInfoProvider = 0x35b8c6e2;
 inline constexpr iid_t IFeatureTechsAggregator = 0x70c4a9d1;
 inline constexpr iid_t IFirewallStatus = 0x5e93b1d7;
 inline constexpr iid_t ILumraModePortsExclude = 0x2b7c4f08;
+// Packet logging and NFQUEUE numbers
+inline constexpr iid_t INflogDataCallback = 0x5c19e7a3;
+inline constexpr iid_t INflogListener = 0x2d86f1b4;
+inline constexpr iid_t INflogListenerFactory = 0x7e40a2c5;
+inline constexpr iid_t INflogCounters = 0x48b3d6e9;
+inline constexpr iid_t INfqueueQuery = 0x19f5c8a7;
 // Host services of the virtualisation mode
 inline constexpr iid_t ILumraHostType = 0x6a3d18e9;
 inline constexpr iid_t ILumraPortsFile = 0x3f0c7b52;

@@ -135,7 +135,9 @@ TEST_P(FirewallServiceNsTest, IntegrityRepairsOwnedChainsOnlyAndReportsOnce) {
       text += "## " + name + "\n" + PollOutcome(rig, false);
       for (std::size_t i = events; i < rig.publisher->events.size(); ++i) {
         text += rig.publisher->events[i].kind + "\n";
-        for (const auto& [property, value] : rig.publisher->events[i].properties) text += property + ":\n" + value;
+        for (const auto& [property, value] : rig.publisher->events[i].properties) {
+          text += property + ":\n" + std::get<std::string>(value);
+        }
       }
       text += ListFilterTables() == installed ? "as installed\n" : "INPUT:\n" + ListChain("INPUT");
       text += PollOutcome(rig);

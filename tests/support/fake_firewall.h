@@ -62,6 +62,9 @@ class FakeRuleLogger final : public firewall::RuleLogger, Journaled {
     return m_journal->Record(call + ")");
   }
   oro::result_t Stop() override { return m_journal->Record("Logger.Stop"); }
+  firewall::NflogCounts GetCounts() const override { return counts; }
+
+  firewall::NflogCounts counts;
 };
 
 class FakeInfoProvider final : public ObjectImpl<FakeInfoProvider, firewall::IIptablesInfoProvider> {

@@ -100,8 +100,8 @@ TEST_F(FirewallServiceTest, PollRepairsForeignChangesAndReportsThemOnce) {
   const auto& event = publisher->events[0];
   EXPECT_EQ(event.kind, "FirewallIntegrityBroken");
   EXPECT_EQ(event.properties[0],
-            (std::pair<std::string, std::string>{"extra", "IPv4 filter vorn_input: -s 203.0.113.9/32 -j ACCEPT\n"}));
-  EXPECT_NE(event.properties[1].second.find("IPv4 filter vorn_input: -p tcp -m tcp --dport 22"), std::string::npos);
+            (std::pair<std::string, oro::Event::Value>{"extra", "IPv4 filter vorn_input: -s 203.0.113.9/32 -j ACCEPT\n"}));
+  EXPECT_NE(std::get<std::string>(event.properties[1].second).find("IPv4 filter vorn_input: -p tcp -m tcp --dport 22"), std::string::npos);
   timer->Fire();
   EXPECT_EQ(publisher->events.size(), 1u);
   EXPECT_EQ(kernel->TableOf(kFilter6), wanted);
