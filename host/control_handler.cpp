@@ -56,13 +56,8 @@ Json TagsJson(const std::vector<firewall::TaggedRule>& rules) {
 
 }  // namespace
 
-ControlHandler::ControlHandler(oro::RefPtr<firewall::IFirewallStatus> status,
-                               oro::RefPtr<firewall::IDynamicRules> dynamicRules,
-                               oro::RefPtr<firewall::IOstraPorts> ostraPorts, std::function<HostFacts()> facts)
-    : m_status(std::move(status)),
-      m_dynamicRules(std::move(dynamicRules)),
-      m_ostraPorts(std::move(ostraPorts)),
-      m_facts(std::move(facts)) {}
+ControlHandler::ControlHandler(ControlTargets targets, std::function<HostFacts()> facts, const RuleNames& names)
+    : m_targets(std::move(targets)), m_facts(std::move(facts)), m_names(names) {}
 
 std::string ControlHandler::Handle(std::string_view line) noexcept {
   try {
@@ -83,30 +78,69 @@ Json ControlHandler::Answer(const ControlRequest& request) {
         if constexpr (std::is_same_v<R, AddRulesRequest>) return AddRules(r);
         if constexpr (std::is_same_v<R, RemoveRulesRequest>) return RemoveRules(r);
         if constexpr (std::is_same_v<R, AgentPortsRequest>) return AgentPorts(r);
+        if constexpr (std::is_same_v<R, QueueRequest>) return Queue(r);
       },
       request);
 }
 
 Json ControlHandler::Status() {
   firewall::FirewallStatus status;
-  if (const auto r = m_status->GetStatus(status); ORO_FAILED(r)) return RefusedJson("no status from the service", r);
+  if (const auto r = m_targets.status->GetStatus(status); ORO_FAILED(r)) return RefusedJson("no status from the service", r);
   firewall::OstraPortList ports;
-  if (const auto r = m_ostraPorts->GetOstraPorts(ports); ORO_FAILED(r)) {
+  if (const auto r = m_targets.ostraPorts->GetOstraPorts(ports); ORO_FAILED(r)) {
     return RefusedJson("no port list from the agent's ports", r);
   }
+  firewall::NflogCounts counts;
+  if (m_targets.packetLog) {
+    if (const auto r = m_targets.packetLog->GetNflogCounts(counts); ORO_FAILED(r)) {
+      return RefusedJson("no packet-log counts from the task", r);
+    }
+  }
   const HostFacts facts = m_facts();
-  return Json{{"ok", true},
-              {"task", facts.taskStarted ? "started" : "stopped"},
-              {"enforcing", status.enforcing},
-              {"polling", status.polling},
-              {"inForce", status.inForce},
-              {"tags", TagsJson(status.dynamicRules)},
-              {"agentPorts", PortsJson(ports)},
-              {"integrityEvents", facts.integrityEvents}};
+  Json reply{{"ok", true},
+             {"task", facts.taskStarted ? "started" : "stopped"},
+             {"enforcing", status.enforcing},
+             {"polling", status.polling},
+             {"inForce", status.inForce},
+             {"tags", TagsJson(status.dynamicRules)},
+             {"agentPorts", PortsJson(ports)},
+             {"integrityEvents", facts.integrityEvents}};
+  if (m_targets.packetLog) reply["packetLog"] = PacketLogJson(counts);
+  return reply;
+}
+
+// {"groups":[{"group":10001,"ruleIndex":0,"ruleName":"ssh","delivered":12,"lost":0}],"overruns":0}
+Json ControlHandler::PacketLogJson(const firewall::NflogCounts& counts) const {
+  Json groups = Json::array();
+  for (const auto& group : counts.groups) {
+    Json entry{{"group", group.group}};
+    if (group.group >= settings::MinNflogGroup) {
+      const std::int64_t index = group.group - settings::MinNflogGroup;
+      entry["ruleIndex"] = index;
+      if (auto name = m_names.NameOf(index)) entry["ruleName"] = std::move(*name);
+    }
+    entry["delivered"] = group.delivered;
+    entry["lost"] = group.lost;
+    groups.push_back(std::move(entry));
+  }
+  return Json{{"groups", std::move(groups)}, {"overruns", counts.overruns}};
+}
+
+Json ControlHandler::Queue(const QueueRequest& request) {
+  if (!m_targets.queues) {
+    return ErrorJson("the module has no NFQUEUE query (no factory for class " + Hex(oro::clsid::NfqueueQuery) + ")");
+  }
+  std::uint16_t first = 0;
+  const auto r = m_targets.queues->GetAvailableQueue(request.count, first);
+  if (r == oro::errNotFound) {
+    return RefusedJson("no run of " + std::to_string(request.count) + " free queue numbers below 65536", r);
+  }
+  if (ORO_FAILED(r)) return RefusedJson("the module found no queue numbers (see its trace)", r);
+  return Json{{"ok", true}, {"first", first}};
 }
 
 Json ControlHandler::AddRules(const AddRulesRequest& request) {
-  const auto r = m_dynamicRules->AddRules(request.rules, request.tag);
+  const auto r = m_targets.dynamicRules->AddRules(request.rules, request.tag);
   if (ORO_FAILED(r)) return RefusedJson(RefusedRulesText(request.rules, r) + "; nothing changed", r);
   return Json{{"ok", true}, {"tag", request.tag}, {"added", request.rules.size()}};
 }
@@ -115,8 +149,8 @@ Json ControlHandler::AddRules(const AddRulesRequest& request) {
 // tag; the count tells a client whether its rules were there at all.
 Json ControlHandler::RemoveRules(const RemoveRulesRequest& request) {
   firewall::FirewallStatus before;
-  const bool counted = ORO_SUCCEEDED(m_status->GetStatus(before));
-  const auto r = m_dynamicRules->RemoveRules(request.rules);
+  const bool counted = ORO_SUCCEEDED(m_targets.status->GetStatus(before));
+  const auto r = m_targets.dynamicRules->RemoveRules(request.rules);
   if (ORO_FAILED(r)) return RefusedJson(RefusedRulesText(request.rules, r) + "; nothing changed", r);
   Json reply{{"ok", true}};
   if (counted) {
@@ -128,11 +162,11 @@ Json ControlHandler::RemoveRules(const RemoveRulesRequest& request) {
 }
 
 Json ControlHandler::AgentPorts(const AgentPortsRequest& request) {
-  if (const auto r = m_ostraPorts->SetOstraPorts(request.ports); ORO_FAILED(r)) {
+  if (const auto r = m_targets.ostraPorts->SetOstraPorts(request.ports); ORO_FAILED(r)) {
     return RefusedJson("the module refused the agent's ports (see its trace)", r);
   }
   firewall::OstraPortList ports;
-  if (const auto r = m_ostraPorts->GetOstraPorts(ports); ORO_FAILED(r)) {
+  if (const auto r = m_targets.ostraPorts->GetOstraPorts(ports); ORO_FAILED(r)) {
     return RefusedJson("no port list from the agent's ports", r);
   }
   return Json{{"ok", true}, {"agentPorts", PortsJson(ports)}};

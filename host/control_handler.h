@@ -1,5 +1,6 @@
 // Answers the control socket's requests through the module's interfaces:
-// the service's status and dynamic rules, and the agent's port list.
+// the service's status and dynamic rules, the agent's port list, the task's
+// packet-log counts and the free NFQUEUE numbers.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +9,10 @@
 #include <string_view>
 
 #include "firewall/firewall_interfaces.h"
+#include "firewall/packet_log_interfaces.h"
 #include "host/control_request.h"
 #include "host/json.h"
+#include "host/rule_names.h"
 #include "oro/ref_ptr.h"
 
 namespace qel::host {
@@ -20,10 +23,23 @@ struct HostFacts {
   std::uint64_t integrityEvents = 0;
 };
 
+// The module's objects that requests reach.
+struct ControlTargets {
+  oro::RefPtr<firewall::IFirewallStatus> status;
+  oro::RefPtr<firewall::IDynamicRules> dynamicRules;
+  oro::RefPtr<firewall::IOstraPorts> ostraPorts;
+  // The task's counts of logged packets; without them the status has no
+  // "packetLog".
+  oro::RefPtr<firewall::INflogCounters> packetLog;
+  // Without it, queue requests are refused: the module offers no such class.
+  oro::RefPtr<firewall::INfqueueQuery> queues;
+};
+
 class ControlHandler {
  public:
-  ControlHandler(oro::RefPtr<firewall::IFirewallStatus> status, oro::RefPtr<firewall::IDynamicRules> dynamicRules,
-                 oro::RefPtr<firewall::IOstraPorts> ostraPorts, std::function<HostFacts()> facts);
+  // `names` (the rules in force, for the packet-log groups) must outlive the
+  // handler.
+  ControlHandler(ControlTargets targets, std::function<HostFacts()> facts, const RuleNames& names);
 
   // One request line, without its newline, in; one reply line, without its
   // newline, out: {"ok":true,...} or {"ok":false,"error":"..."}. A request
@@ -35,12 +51,13 @@ class ControlHandler {
   Json AddRules(const AddRulesRequest& request);
   Json RemoveRules(const RemoveRulesRequest& request);
   Json AgentPorts(const AgentPortsRequest& request);
+  Json Queue(const QueueRequest& request);
   Json Answer(const ControlRequest& request);
+  Json PacketLogJson(const firewall::NflogCounts& counts) const;
 
-  oro::RefPtr<firewall::IFirewallStatus> m_status;
-  oro::RefPtr<firewall::IDynamicRules> m_dynamicRules;
-  oro::RefPtr<firewall::IOstraPorts> m_ostraPorts;
+  ControlTargets m_targets;
   std::function<HostFacts()> m_facts;
+  const RuleNames& m_names;
 };
 
 // {"ok":false,"error":TEXT}, as a line.

@@ -57,11 +57,12 @@ struct Command {
   const char* name;
   std::vector<const char*> keys;  // besides "cmd", all required
 };
-const std::array<Command, 4> kCommands = {{
+const std::array<Command, 5> kCommands = {{
     {"status", {}},
     {"add-rules", {"tag", "rules"}},
     {"remove-rules", {"rules"}},
     {"agent-ports", {"ports"}},
+    {"queue", {"count"}},
 }};
 
 std::string CommandNames() {
@@ -141,6 +142,15 @@ firewall::OstraPortList Ports(const Json& request) {
   return ports;
 }
 
+// A JSON integer; 4.0 and "4" are refused like any other non-integer.
+std::uint16_t QueueCount(const Json& request) {
+  const Json& count = request.at("count");
+  const bool fits = (count.is_number_unsigned() && count.get<std::uint64_t>() <= 65535) ||
+                    (count.is_number_integer() && count.get<std::int64_t>() >= 0 && count.get<std::int64_t>() <= 65535);
+  if (!fits) Fail("count: expected an integer from 0 to 65535, got " + JsonLine(count).substr(0, 40));
+  return static_cast<std::uint16_t>(count.get<std::uint64_t>());
+}
+
 ControlRequest ReadRequest(const Json& request) {
   if (!request.is_object()) Fail("expected a JSON object with \"cmd\"");
   const Command& command = FindCommand(request);
@@ -149,6 +159,7 @@ ControlRequest ReadRequest(const Json& request) {
   if (name == "add-rules") return AddRulesRequest{Tag(request), Rules(request)};
   if (name == "remove-rules") return RemoveRulesRequest{Rules(request)};
   if (name == "agent-ports") return AgentPortsRequest{Ports(request)};
+  if (name == "queue") return QueueRequest{QueueCount(request)};
   return StatusRequest{};
 }
 

@@ -4,8 +4,10 @@
 //   {"cmd":"add-rules","tag":"web","rules":[{"kind":"access","action":0,...}]}
 //   {"cmd":"remove-rules","rules":[...]}
 //   {"cmd":"agent-ports","ports":["15000/tcp/in","13000/tcp/inout"]}
+//   {"cmd":"queue","count":4}
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <variant>
@@ -35,7 +37,14 @@ struct AgentPortsRequest {
   bool operator==(const AgentPortsRequest&) const = default;
 };
 
-using ControlRequest = std::variant<StatusRequest, AddRulesRequest, RemoveRulesRequest, AgentPortsRequest>;
+// Reserve `count` consecutive NFQUEUE numbers that nobody uses.
+struct QueueRequest {
+  std::uint16_t count = 0;
+  bool operator==(const QueueRequest&) const = default;
+};
+
+using ControlRequest =
+    std::variant<StatusRequest, AddRulesRequest, RemoveRulesRequest, AgentPortsRequest, QueueRequest>;
 
 // Objects nest at most this deep in a request; deeper text is refused before
 // it is parsed, so that no line can exhaust the stack.

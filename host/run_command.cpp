@@ -16,6 +16,7 @@
 #include "host/json_event_publisher.h"
 #include "host/loaded_module.h"
 #include "host/lumra_host_type.h"
+#include "host/rule_names.h"
 #include "host/settings_ini.h"
 #include "oro/task.h"
 
@@ -63,7 +64,7 @@ class Session {
         m_err(err),
         m_traceFile(options.traceFile ? std::fopen(options.traceFile->c_str(), "ae") : stderr),
         m_timer(oro::RefPtr<HostTimer>::Adopt(new HostTimer(options.timerSpeedup))),
-        m_publisher(oro::RefPtr<JsonEventPublisher>::Adopt(new JsonEventPublisher(events))),
+        m_publisher(oro::RefPtr<JsonEventPublisher>::Adopt(new JsonEventPublisher(events, &m_ruleNames))),
         m_locator(oro::RefPtr<HostLocator>::Adopt(new HostLocator)),
         m_module(options.modulePath) {
     if (!m_traceFile) throw std::runtime_error("cannot open trace file " + *options.traceFile);
@@ -89,10 +90,15 @@ class Session {
     m_ostraPorts = Require<firewall::IOstraPorts>(m_ostraPortsObject, "IOstraPorts");
     if (loaded.agentPorts && !SetAgentPorts(*loaded.agentPorts)) return false;
 
+    CreateQueueQuery();
+
     m_taskObject = m_module.CreateWithFactory(oro::clsid::FirewallTask, m_locator.Get());
     auto construct = Require<firewall::IFirewallTaskConstruct>(m_taskObject, "IFirewallTaskConstruct");
     m_task = Require<oro::ITask>(m_taskObject, "ITask");
     m_settings = Require<firewall::IFirewallTaskSettings>(m_taskObject, "IFirewallTaskSettings");
+    // Packets are logged from the start on: their rules' names must be there
+    // before the first event.
+    m_ruleNames.Set(RuleNames::Of(loaded.settings));
     oro::result_t r = construct->Construct(&loaded.settings);
     if (ORO_SUCCEEDED(r)) {
       m_stopReporter = oro::RefPtr<StopReporter>::Adopt(new StopReporter(m_err));
@@ -112,9 +118,12 @@ class Session {
   // Answers requests on `socket` until the session ends.
   void Serve(ControlSocket socket) {
     const std::string path = socket.Path();
-    ControlHandler handler(Require<firewall::IFirewallStatus>(m_service, "IFirewallStatus"),
+    ControlTargets targets{Require<firewall::IFirewallStatus>(m_service, "IFirewallStatus"),
                            Require<firewall::IDynamicRules>(m_service, "IDynamicRules"), m_ostraPorts,
-                           [this] { return HostFacts{m_started.load(), m_publisher->IntegrityEvents()}; });
+                           oro::QueryInterface<firewall::INflogCounters>(m_taskObject.Get()), m_queues};
+    ControlHandler handler(std::move(targets),
+                           [this] { return HostFacts{m_started.load(), m_publisher->IntegrityEvents()}; },
+                           m_ruleNames);
     m_control = std::make_unique<ControlServer>(
         std::move(socket), [handler = std::move(handler)](std::string_view line) mutable {
           return handler.Handle(line);
@@ -129,7 +138,9 @@ class Session {
       // A port list the module could not put in force is reported; the
       // settings are still worth applying.
       if (loaded.agentPorts) SetAgentPorts(*loaded.agentPorts);
+      m_ruleNames.BeginChange(RuleNames::Of(loaded.settings));
       const oro::result_t r = m_settings->SetSettings(&loaded.settings);
+      m_ruleNames.EndChange(ORO_SUCCEEDED(r));
       if (ORO_FAILED(r)) {
         m_err << "firewall-host: settings not applied (result " << std::hex << r << std::dec
               << "); the rules in force stay" << std::endl;
@@ -162,6 +173,17 @@ class Session {
     }
   }
 
+  // A module without the class still runs the firewall; queue requests are
+  // then refused.
+  void CreateQueueQuery() {
+    try {
+      m_queueObject = m_module.CreateWithFactory(oro::clsid::NfqueueQuery, m_locator.Get());
+      m_queues = oro::QueryInterface<firewall::INfqueueQuery>(m_queueObject.Get());
+    } catch (const std::runtime_error& e) {
+      m_err << "firewall-host: no NFQUEUE query, queue requests will be refused: " << e.what() << std::endl;
+    }
+  }
+
   bool SetAgentPorts(const firewall::OstraPortList& ports) {
     const oro::result_t r = m_ostraPorts->SetOstraPorts(ports);
     if (ORO_FAILED(r)) {
@@ -183,6 +205,8 @@ class Session {
     m_task.Reset();
     m_settings.Reset();
     m_taskObject.Reset();
+    m_queues.Reset();
+    m_queueObject.Reset();
     m_ostraPorts.Reset();
     if (m_ostraPortsObject) m_locator->Unregister(m_ostraPortsObject.Get());
     m_ostraPortsObject.Reset();
@@ -196,6 +220,8 @@ class Session {
 
   const RunOptions& m_options;
   std::ostream& m_err;
+  // Before the publisher, which names the rules of logged packets by it.
+  RuleNames m_ruleNames;
   std::unique_ptr<std::FILE, FileCloser> m_traceFile;
   oro::RefPtr<HostTimer> m_timer;
   oro::RefPtr<JsonEventPublisher> m_publisher;
@@ -209,6 +235,8 @@ class Session {
   oro::RefPtr<firewall::IFirewallTaskSettings> m_settings;
   oro::RefPtr<StopReporter> m_stopReporter;
   oro::RefPtr<oro::IObject> m_lumraObject;
+  oro::RefPtr<oro::IObject> m_queueObject;
+  oro::RefPtr<firewall::INfqueueQuery> m_queues;
   std::atomic<bool> m_started = false;
   std::unique_ptr<ControlServer> m_control;
 };

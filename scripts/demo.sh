@@ -4,7 +4,8 @@
 # other ("peer") tries connections the settings allow and block. The
 # administration agent's port stays reachable until openOstraPorts is turned
 # off; a rule is added and removed through `firewall-host ctl`; a rule is
-# deleted by hand and repaired; and the host stops, leaving the tables as
+# deleted by hand and repaired; the peer's attempts on logging rules give
+# network-activity lines; and the host stops, leaving the tables as
 # they were. Uses the machine's default iptables backend; touches nothing
 # outside the two namespaces it creates and its scratch directory.
 #
@@ -284,7 +285,8 @@ echo "    peer -> host TCP 22 now: $(tcp "$NS_PEER" "$H4" 22 ssh)"
 heading "Integrity poll (SIGUSR1; the host also polls every minute on its own)"
 events_before=$(wc -l <"$WORK/events")
 poll_now
-event=$(tail -n +"$((events_before + 1))" "$WORK/events")
+# Lines about logged packets (the ssh rule logs) may come in meanwhile.
+event=$(tail -n +"$((events_before + 1))" "$WORK/events" | grep -F '"event":"FirewallIntegrityBroken"' || true)
 if [[ -z $event ]]; then
   echo "    no event was published"
   MISMATCHES=$((MISMATCHES + 1))
@@ -299,6 +301,42 @@ else
   MISMATCHES=$((MISMATCHES + 1))
 fi
 echo "    peer -> host TCP 22 now: $(tcp "$NS_PEER" "$H4" 22 ssh)"
+
+heading "Logged packets (doLogAttempts = true): one JSON line each on standard output"
+# The ssh rule logs already; a logging rule that blocks the web port is
+# added at the end of the settings, as rule 8.
+cat >>"$SETTINGS" <<'SETTINGS'
+
+[rule no-web]
+action = Block
+direction = Incoming
+protocol = TCP
+localPorts = 80
+doLogAttempts = true
+SETTINGS
+reloads=$(grep -c "settings reloaded" "$WORK/stderr" || true)
+kill -HUP "$HOST_PID"
+for ((i = 0; i < 100; i++)); do
+  (( $(grep -c "settings reloaded" "$WORK/stderr" || true) > reloads )) && break
+  sleep 0.1
+done
+echo "    added [rule no-web]: Block, Incoming, TCP, localPorts = 80, doLogAttempts = true (SIGHUP)"
+lines_before=$(wc -l <"$WORK/events")
+echo "    peer -> host TCP 22 (ssh) IPv4: $(tcp "$NS_PEER" "$H4" 22 ssh)"
+echo "    peer -> host TCP 22 (ssh) IPv6: $(tcp "$NS_PEER" "$H6" 22 ssh)"
+echo "    peer -> host TCP 80 (web) IPv4: $(tcp "$NS_PEER" "$H4" 80 web)"
+sleep 0.5
+# A blocked attempt is tried again by the peer's kernel: a line per try.
+echo "    the host's lines about them:"
+activity=$(tail -n +"$((lines_before + 1))" "$WORK/events" | grep -F '"event":"NetworkActivity' || true)
+if [[ -z $activity ]]; then
+  echo "    ${red}no network-activity line${reset}"
+  MISMATCHES=$((MISMATCHES + 1))
+else
+  indent <<<"$activity"
+fi
+echo "    # firewall-host ctl '{\"cmd\":\"status\"}' | jq -c .packetLog"
+"$HOST_BIN" ctl --control "$CONTROL" '{"cmd":"status"}' | jq -c .packetLog | indent
 
 heading "Stopping firewall-host (SIGTERM)"
 kill -TERM "$HOST_PID"

@@ -1,6 +1,7 @@
 // Fakes of what the host's control socket drives: the service's status and
-// dynamic rules, and the agent's port list. Each records the calls that
-// would change something, so that a test can tell that none were made.
+// dynamic rules, the agent's port list, the task's packet-log counts and the
+// NFQUEUE numbers. Each records the calls that would change something, so
+// that a test can tell that none were made.
 #pragma once
 
 #include <set>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "firewall/firewall_interfaces.h"
+#include "firewall/packet_log_interfaces.h"
 #include "qel_common/object_impl.h"
 
 namespace qel::test {
@@ -52,6 +54,31 @@ class FakeAgentPorts final : public ObjectImpl<FakeAgentPorts, firewall::IOstraP
   }
 
   std::set<firewall::OstraPort> ports;
+  std::vector<std::string> changes;
+};
+
+class FakeNflogCounters final : public ObjectImpl<FakeNflogCounters, firewall::INflogCounters> {
+ public:
+  oro::result_t GetNflogCounts(firewall::NflogCounts& out) noexcept override {
+    out = counts;
+    return oro::errOk;
+  }
+  firewall::NflogCounts counts;
+};
+
+// Hands out numbers from `next` on, as long as they fit below 65536.
+class FakeQueueQuery final : public ObjectImpl<FakeQueueQuery, firewall::INfqueueQuery> {
+ public:
+  oro::result_t GetAvailableQueue(std::uint16_t count, std::uint16_t& first) noexcept override {
+    changes.push_back("GetAvailableQueue " + std::to_string(count));
+    if (ORO_FAILED(refuseWith)) return refuseWith;
+    if (next + count > 65536) return oro::errNotFound;
+    first = static_cast<std::uint16_t>(next);
+    next += count;
+    return oro::errOk;
+  }
+  std::uint32_t next = 0;
+  oro::result_t refuseWith = oro::errOk;
   std::vector<std::string> changes;
 };
 

@@ -10,6 +10,8 @@ namespace {
 
 using test::FakeAgentPorts;
 using test::FakeDynamicService;
+using test::FakeNflogCounters;
+using test::FakeQueueQuery;
 using test::Make;
 
 class ControlHandlerTest : public ::testing::Test {
@@ -18,15 +20,23 @@ class ControlHandlerTest : public ::testing::Test {
   std::vector<std::string> Changes() {
     auto changes = m_service->changes;
     changes.insert(changes.end(), m_ports->changes.begin(), m_ports->changes.end());
+    changes.insert(changes.end(), m_queues->changes.begin(), m_queues->changes.end());
     return changes;
+  }
+  ControlTargets Targets() {
+    return {oro::RefPtr<firewall::IFirewallStatus>::Share(m_service.Get()),
+            oro::RefPtr<firewall::IDynamicRules>::Share(m_service.Get()),
+            oro::RefPtr<firewall::IOstraPorts>::Share(m_ports.Get()),
+            oro::RefPtr<firewall::INflogCounters>::Share(m_counters.Get()),
+            oro::RefPtr<firewall::INfqueueQuery>::Share(m_queues.Get())};
   }
 
   oro::RefPtr<FakeDynamicService> m_service = Make<FakeDynamicService>();
   oro::RefPtr<FakeAgentPorts> m_ports = Make<FakeAgentPorts>();
-  ControlHandler m_handler{oro::RefPtr<firewall::IFirewallStatus>::Share(m_service.Get()),
-                           oro::RefPtr<firewall::IDynamicRules>::Share(m_service.Get()),
-                           oro::RefPtr<firewall::IOstraPorts>::Share(m_ports.Get()),
-                           [] { return HostFacts{true, 3}; }};
+  oro::RefPtr<FakeNflogCounters> m_counters = Make<FakeNflogCounters>();
+  oro::RefPtr<FakeQueueQuery> m_queues = Make<FakeQueueQuery>();
+  RuleNames m_names;
+  ControlHandler m_handler{Targets(), [] { return HostFacts{true, 3}; }, m_names};
 };
 
 const std::string kWeb = R"({"kind":"access","side":"incoming","proto":6,"localPorts":[8080,8080],"action":0})";
@@ -44,7 +54,8 @@ TEST_F(ControlHandlerTest, StatusShowsEachTagWithItsRulesTheAgentsPortsAndTheHos
   EXPECT_EQ(Handle(R"({"cmd":"status"})"),
             R"({"ok":true,"task":"started","enforcing":true,"polling":true,"inForce":false,)"
             R"("tags":{"web":[)" + kWeb + R"(],"dns":[)" + kDns + R"(]},)"
-            R"("agentPorts":["13000/udp/inout","15000/tcp/in"],"integrityEvents":3})");
+            R"("agentPorts":["13000/udp/inout","15000/tcp/in"],"integrityEvents":3,)"
+            R"("packetLog":{"groups":[],"overruns":0}})");
   EXPECT_EQ(Handle(R"({"cmd":"remove-rules","rules":[)" + kWeb + "," + kWeb + "]}"), R"({"ok":true,"removed":1})");
   EXPECT_EQ(Handle(R"({"cmd":"remove-rules","rules":[)" + kWeb + "]}"), R"({"ok":true,"removed":0})");
 }
@@ -52,6 +63,7 @@ TEST_F(ControlHandlerTest, StatusShowsEachTagWithItsRulesTheAgentsPortsAndTheHos
 TEST_F(ControlHandlerTest, ARequestThatDoesNotParseChangesNothing) {
   for (const std::string& line : std::vector<std::string>{R"({"cmd":"add-rules","tag":"web","rules":[{"kind":"access"}]})",
                                  R"({"cmd":"agent-ports","ports":["15000/tcp/in","x"]})", R"({"cmd":"reboot"})",
+                                 R"({"cmd":"queue","count":"4"})", R"({"cmd":"queue","count":65536})",
                                  std::string("{\"cmd\":\"\xff\xfe\"}"), std::string(70000, '[')}) {
     const Json reply = Json::parse(Handle(line));
     EXPECT_EQ(reply["ok"], false) << line.substr(0, 80);
@@ -70,6 +82,46 @@ TEST_F(ControlHandlerTest, ARefusedRuleGivesTheModulesCodeAndWhatIsWrongWithIt) 
   const Json reply = Json::parse(Handle(R"({"cmd":"remove-rules","rules":[)" + kWeb + "]}"));
   EXPECT_EQ(reply["result"], "0x8000004b");
   EXPECT_NE(reply["error"].get<std::string>().find("the module refused the rules"), std::string::npos);
+}
+
+// Group 10001 + i counts the packets of rule i; its name is that of the
+// settings in force, and a group past them is shown without one.
+TEST_F(ControlHandlerTest, StatusShowsEachLoggingGroupsCountsWithItsRuleInForce) {
+  m_names.Set({"ssh", "web", "dns"});
+  m_counters->counts = {{{10001, 12, 0}, {10003, 7, 2}, {10009, 1, 0}}, 4};
+  EXPECT_EQ(Json::parse(Handle(R"({"cmd":"status"})"))["packetLog"].dump(),
+            R"({"groups":[{"group":10001,"ruleIndex":0,"ruleName":"ssh","delivered":12,"lost":0},)"
+            R"({"group":10003,"ruleIndex":2,"ruleName":"dns","delivered":7,"lost":2},)"
+            R"({"group":10009,"ruleIndex":8,"delivered":1,"lost":0}],"overruns":4})");
+
+  m_names.BeginChange({"ssh", "www"});
+  m_names.EndChange(true);
+  EXPECT_EQ(Json::parse(Handle(R"({"cmd":"status"})"))["packetLog"]["groups"][1].dump(),
+            R"({"group":10003,"ruleIndex":2,"delivered":7,"lost":2})");
+
+  ControlTargets withoutCounts = Targets();
+  withoutCounts.packetLog.Reset();
+  ControlHandler handler(std::move(withoutCounts), [] { return HostFacts{}; }, m_names);
+  EXPECT_FALSE(Json::parse(handler.Handle(R"({"cmd":"status"})")).contains("packetLog"));
+}
+
+TEST_F(ControlHandlerTest, QueueRequestAnswersTheFirstFreeNumberOrWhyThereIsNone) {
+  EXPECT_EQ(Handle(R"({"cmd":"queue","count":4})"), R"({"ok":true,"first":0})");
+  EXPECT_EQ(Handle(R"({"cmd":"queue","count":4})"), R"({"ok":true,"first":4})");
+  EXPECT_EQ(Handle(R"({"cmd":"queue","count":0})"), R"({"ok":true,"first":8})");
+  EXPECT_EQ(Handle(R"({"cmd":"queue","count":65535})"),
+            R"x({"ok":false,"error":"no run of 65535 free queue numbers below 65536: result 0x8000004c (Not found)",)x"
+            R"x("result":"0x8000004c"})x");
+  m_queues->refuseWith = oro::errUnexpected;
+  EXPECT_EQ(Json::parse(Handle(R"({"cmd":"queue","count":1})"))["result"], "0x8000004b");
+  EXPECT_EQ(Changes(), (std::vector<std::string>{"GetAvailableQueue 4", "GetAvailableQueue 4", "GetAvailableQueue 0",
+                                                 "GetAvailableQueue 65535", "GetAvailableQueue 1"}));
+
+  ControlTargets withoutQueues = Targets();
+  withoutQueues.queues.Reset();
+  ControlHandler handler(std::move(withoutQueues), [] { return HostFacts{}; }, m_names);
+  EXPECT_EQ(handler.Handle(R"({"cmd":"queue","count":4})"),
+            R"x({"ok":false,"error":"the module has no NFQUEUE query (no factory for class 0x87fb871c)"})x");
 }
 
 }  // namespace

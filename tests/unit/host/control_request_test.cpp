@@ -36,6 +36,8 @@ TEST(ControlRequest, ReadsEachCommand) {
   EXPECT_EQ(Parse(R"({"cmd":"agent-ports","ports":["15000/tcp/in","13000/TCP/InOut","15001/udp/out"]})"),
             ControlRequest(AgentPortsRequest{{{15000, 0, 0}, {13000, 0, 2}, {15001, 1, 1}}}));
   EXPECT_EQ(Parse(R"({"cmd":"agent-ports","ports":[]})"), ControlRequest(AgentPortsRequest{}));
+  EXPECT_EQ(Parse(R"({"cmd":"queue","count":4})"), ControlRequest(QueueRequest{4}));
+  EXPECT_EQ(Parse(R"({"count":65535,"cmd":"queue"})"), ControlRequest(QueueRequest{65535}));
 }
 
 TEST(ControlRequest, RefusalsNameWhatIsWrong) {
@@ -45,7 +47,7 @@ TEST(ControlRequest, RefusalsNameWhatIsWrong) {
       {R"({"cmd":"status"} {"cmd":"status"})", "not JSON: parse error at line 1, column 18: syntax error"},
       {R"({"cmd":"status","x":1e999})", "not JSON: number overflow parsing '1e999'"},
       {"\"status\"", "expected a JSON object with \"cmd\""},
-      {R"({"command":"status"})", "cmd: missing (one of status, add-rules, remove-rules, agent-ports)"},
+      {R"({"command":"status"})", "cmd: missing (one of status, add-rules, remove-rules, agent-ports, queue)"},
       {R"({"cmd":["status"]})", "cmd: expected a string"},
       {R"({"cmd":"flush"})", "cmd: unknown command 'flush' (expected one of status, add-rules,"},
       {R"({"cmd":"status","verbose":true})", "verbose: unknown key for status (expected cmd)"},
@@ -64,6 +66,13 @@ TEST(ControlRequest, RefusalsNameWhatIsWrong) {
        "ports[0]: '15000/tcp/both': direction 'both' is not one of in, out, inout"},
       {R"({"cmd":"agent-ports","ports":["15000:tcp:in"]})", "ports[0]: '15000:tcp:in': expected PORT/PROTOCOL/DIRECTION"},
       {R"({"cmd":"status","x":[[[[[[[[[1]]]]]]]]]})", "nested deeper than 8 levels"},
+      {R"({"cmd":"queue"})", "count: missing (queue needs cmd, count)"},
+      {R"({"cmd":"queue","count":4,"first":0})", "first: unknown key for queue (expected cmd, count)"},
+      {R"({"cmd":"queue","count":"4"})", "count: expected an integer from 0 to 65535, got \"4\""},
+      {R"({"cmd":"queue","count":4.0})", "count: expected an integer from 0 to 65535, got 4.0"},
+      {R"({"cmd":"queue","count":-1})", "count: expected an integer from 0 to 65535, got -1"},
+      {R"({"cmd":"queue","count":65536})", "count: expected an integer from 0 to 65535, got 65536"},
+      {R"({"cmd":"queue","count":null})", "count: expected an integer from 0 to 65535, got null"},
   };
   for (const auto& [line, error] : cases) {
     const std::string got = ErrorOf(line);
