@@ -133,7 +133,11 @@ FirewallRuleLogger::~FirewallRuleLogger() {
 }
 
 result_t FirewallRuleLogger::Start(const NflogGroupList& groups) {
-  m_tracer.Write(Detail, "Start", "() ", "groups=", groups.size());
+  if (m_tracer.Enabled(Detail)) {
+    std::string list;
+    for (const std::uint16_t group : groups) list += (list.empty() ? "" : ",") + std::to_string(group);
+    m_tracer.Write(Detail, "Start", "() ", "logGroups=", list);
+  }
   return QEL_CHECKED_CALL(m_tracer, m_listener->Start(groups), "Cannot start NFLOG listener");
 }
 

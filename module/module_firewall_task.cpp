@@ -6,7 +6,6 @@
 #include "firewall/firewall_rule_logger.h"
 #include "module/class_table.h"
 #include "oro/exception.h"
-#include "qel_common/service_locator.h"
 
 namespace qel::module {
 namespace {
