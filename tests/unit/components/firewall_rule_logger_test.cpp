@@ -46,7 +46,7 @@ class FirewallRuleLoggerTest : public ::testing::Test {
   std::unique_ptr<FirewallRuleLogger> m_logger;
 };
 
-TEST_F(FirewallRuleLoggerTest, BlockedIncomingPacketBecomesOneEventWithItsRuleIndex) {
+TEST_F(FirewallRuleLoggerTest, EachPacketBecomesOneEventOfItsActionWithItsRuleIndex) {
   NflogPacket packet(kInput, "Block", TcpPayload());
   EXPECT_TRUE(Listener().Deliver(10001, packet));
   ASSERT_EQ(Events().size(), 1u);
@@ -61,18 +61,15 @@ TEST_F(FirewallRuleLoggerTest, BlockedIncomingPacketBecomesOneEventWithItsRuleIn
                         {"remotePort", std::int64_t{40312}},
                         {"payloadLength", std::int64_t{60}},
                         {"ruleIndex", std::int64_t{0}}}));
-}
 
-TEST_F(FirewallRuleLoggerTest, AllowedOutgoingPacketSwapsTheSides) {
-  NflogPacket packet(kOutput, "Allow", TcpPayload());
-  EXPECT_TRUE(Listener().Deliver(10004, packet));
-  ASSERT_EQ(Events().size(), 1u);
-  const auto event = Events()[0];
+  NflogPacket outgoing(kOutput, "Allow", TcpPayload());
+  EXPECT_TRUE(Listener().Deliver(10004, outgoing));
+  ASSERT_EQ(Events().size(), 2u);
+  const auto event = Events()[1];
   EXPECT_EQ(event.kind, "NetworkActivityAllowed");
   EXPECT_EQ(event.properties[0].second, oro::Event::Value("Outgoing"));
-  EXPECT_EQ(event.properties[3].second, oro::Event::Value("10.77.0.2"));
-  EXPECT_EQ(event.properties[4].second, oro::Event::Value(std::int64_t{40312}));
-  EXPECT_EQ(event.properties.back(), (std::pair<std::string, oro::Event::Value>{"ruleIndex", std::int64_t{3}}));
+  EXPECT_EQ(event.properties[3].second, oro::Event::Value("10.77.0.2"));  // localAddress: the source
+  EXPECT_EQ(event.properties.back().second, oro::Event::Value(std::int64_t{3}));
 }
 
 TEST_F(FirewallRuleLoggerTest, UnreadablePayloadIsPublishedWithoutAddresses) {

@@ -54,20 +54,16 @@ class NfqueueQueryTest : public ::testing::Test {
 };
 
 TEST_F(NfqueueQueryTest, HandsOutTheLowestRunNeitherBoundNorReserved) {
-  EXPECT_EQ(Ask(4), 0);
-  EXPECT_EQ(Ask(4), 4);
-}
-
-TEST_F(NfqueueQueryTest, SkipsBoundQueues) {
-  Bind({0, 1});
-  EXPECT_EQ(Ask(2), 2);
-  EXPECT_TRUE(m_tracer->Contains(tracing::Detail, "Queue 1 is in use"));
-}
-
-TEST_F(NfqueueQueryTest, RunFitsIntoAGapOnlyWhenLongEnough) {
-  Bind({0, 5});
-  EXPECT_EQ(Ask(4), 1);
-  EXPECT_EQ(Ask(5), 6);
+  struct Case {
+    std::initializer_list<int> bound;
+    std::vector<std::pair<std::uint16_t, int>> asksAndAnswers;
+  };
+  for (const Case& c : {Case{{}, {{4, 0}, {4, 4}}}, Case{{0, 1}, {{2, 2}}}, Case{{0, 5}, {{4, 1}, {5, 6}}}}) {
+    Bind(c.bound);
+    ASSERT_EQ(CreateInstance(m_query, m_locator.Get(), m_path.string()), oro::errOk);  // nothing reserved
+    for (const auto& [count, answer] : c.asksAndAnswers) EXPECT_EQ(Ask(count), answer) << "count " << count;
+  }
+  EXPECT_TRUE(m_tracer->Contains(tracing::Detail, "Queue 5 is in use"));
 }
 
 // A reservation lasts until the list shows the queue bound; from then on
