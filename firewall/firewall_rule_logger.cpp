@@ -156,8 +156,7 @@ NflogCounts FirewallRuleLogger::GetCounts() const {
 bool FirewallRuleLogger::HandleNflogData(std::uint16_t nflogGroup, NflogAttributes nflogAttrs) {
   m_tracer.Write(Detail, "HandleNflogData", "() ", "nflogGroup=", nflogGroup);
   if (nflogGroup < MinNflogGroup) {
-    m_tracer.Write(Warning, tracing::FormatFailedCondition(QEL_UNIT, __LINE__, "nflogGroup >= MinNflogGroup",
-                                                           "Unexpected nflog group " + std::to_string(nflogGroup)));
+    TRACE_REJECTED("nflogGroup >= MinNflogGroup", "Unexpected nflog group " + std::to_string(nflogGroup));
     return false;
   }
   nfulnl_msg_packet_hdr packetHdrStorage{};
