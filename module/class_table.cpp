@@ -3,6 +3,7 @@
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
 #include "firewall/lumra_mode_ports_exclude.h"
+#include "firewall/nfqueue_query.h"
 #include "firewall/ostra_ports.h"
 #include "module/class_factory.h"
 #include "module/module_firewall_service.h"
@@ -14,12 +15,14 @@ namespace {
 using FirewallServiceFactory = ClassFactory<&Create<ModuleFirewallService, firewall::IPacketRules>>;
 using FirewallTaskFactory = ClassFactory<&Create<ModuleFirewallTask, oro::ITask>>;
 using OstraPortsFactory = ClassFactory<&Create<firewall::OstraPorts, firewall::IOstraPorts>>;
+using NfqueueQueryFactory = ClassFactory<&Create<firewall::NfqueueQuery, firewall::INfqueueQuery>>;
 
 // Searched in this order.
 constexpr FactoryEntry kFactoryClasses[] = {
     {oro::clsid::FirewallService, &FirewallServiceFactory::Make},
     {oro::clsid::FirewallTask, &FirewallTaskFactory::Make},
     {oro::clsid::OstraPorts, &OstraPortsFactory::Make},
+    {oro::clsid::NfqueueQuery, &NfqueueQueryFactory::Make},
 };
 
 // Searched in this order. Each class keeps its fixed position: the isolation

@@ -45,6 +45,7 @@ class ModuleExportsTest : public ::testing::Test {
     m_locator->Register(m_tracer);
     m_locator->Register(Make<FakePacketRules>(journal));
     m_locator->Register(Make<FakeOstraPorts>(journal));
+    m_locator->Register(Make<FakePublisher>());  // the task's packet logger publishes through it
   }
   void TearDown() override { EXPECT_EQ(m_module.canUnload(), kUnloadable); }
 

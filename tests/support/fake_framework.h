@@ -152,11 +152,14 @@ class FakeTimer final : public ObjectImpl<FakeTimer, oro::ITimer> {
 class FakePublisher final : public ObjectImpl<FakePublisher, oro::IEventPublisher> {
  public:
   oro::result_t PublishEvent(oro::Event&& event) noexcept override {
+    if (failWith) return failWith;
     std::lock_guard lock(m_mutex);
     events.push_back(std::move(event));
     return oro::errOk;
   }
   std::vector<oro::Event> events;
+  // A failure code makes every publish fail with it.
+  std::atomic<oro::result_t> failWith = oro::errOk;
 
  private:
   std::mutex m_mutex;

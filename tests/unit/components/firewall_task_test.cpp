@@ -25,7 +25,9 @@ class FirewallTaskTest : public ::testing::Test {
     m_locator->Register(m_tracer);
     m_locator->Register(m_packetRules);
     m_locator->Register(m_ports);
-    ASSERT_EQ(CreateInstance(m_task, m_locator.Get(), std::make_unique<FakeRuleLogger>(m_journal)), oro::errOk);
+    auto logger = std::make_unique<FakeRuleLogger>(m_journal);
+    m_logger = logger.get();
+    ASSERT_EQ(CreateInstance(m_task, m_locator.Get(), std::move(logger)), oro::errOk);
   }
 
   // The journal from here on.
@@ -42,6 +44,7 @@ class FirewallTaskTest : public ::testing::Test {
   oro::RefPtr<FakePacketRules> m_packetRules = Make<FakePacketRules>(m_journal);
   oro::RefPtr<FakeOstraPorts> m_ports = Make<FakeOstraPorts>(m_journal);
   oro::RefPtr<FirewallTask> m_task;
+  FakeRuleLogger* m_logger = nullptr;  // owned by the task
 };
 
 TEST(FirewallTaskLogGroups, GroupsFollowRuleIndexWhateverTheNeighbours) {
@@ -104,6 +107,24 @@ TEST_F(FirewallTaskTest, StopGoesOnPastFailuresAndNotifiesTheSinkOnce) {
   EXPECT_EQ(m_task->Stop(), oro::errInvalidState);
   EXPECT_EQ(sink->completions, (std::vector<std::pair<oro::result_t, std::string>>{
                                    {oro::errOk, "Task successfully stopped"}}));
+}
+
+// A stopped logger has no counts worth showing, whatever it still holds.
+TEST_F(FirewallTaskTest, NflogCountsAreTheLoggersWhileStartedOnly) {
+  m_logger->counts = {{{10001, 7, 2}}, 3};
+  auto counters = oro::QueryInterface<firewall::INflogCounters>(static_cast<oro::ITask*>(m_task.Get()));
+  ASSERT_TRUE(counters);
+  firewall::NflogCounts counts{{{1, 1, 1}}, 1};
+  EXPECT_EQ(counters->GetNflogCounts(counts), oro::errOk);
+  EXPECT_TRUE(counts.groups.empty() && counts.overruns == 0);
+  ASSERT_EQ(m_task->Start(1, nullptr), oro::errOk);
+  EXPECT_EQ(counters->GetNflogCounts(counts), oro::errOk);
+  ASSERT_EQ(counts.groups.size(), 1u);
+  EXPECT_EQ(counts.groups[0].lost, 2u);
+  EXPECT_EQ(counts.overruns, 3u);
+  ASSERT_EQ(m_task->Stop(), oro::errOk);
+  EXPECT_EQ(counters->GetNflogCounts(counts), oro::errOk);
+  EXPECT_TRUE(counts.groups.empty());
 }
 
 // The logger follows the new groups even when the rules could not be
