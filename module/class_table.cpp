@@ -3,6 +3,7 @@
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
 #include "firewall/lumra_mode_ports_exclude.h"
+#include "firewall/nflog_listener_factory.h"
 #include "firewall/ostra_ports.h"
 #include "module/class_factory.h"
 #include "module/module_firewall_service.h"
@@ -30,6 +31,7 @@ constexpr FactoryEntry kFactoryClasses[] = {
 constexpr ClassEntry kDirectClasses[] = {
     {oro::clsid::LumraModePortsExclude,
      &Create<firewall::LumraModePortsExclude, firewall::ILumraModePortsExclude>},
+    {oro::clsid::NflogListenerFactory, &Create<firewall::NflogListenerFactory, firewall::INflogListenerFactory>},
     {oro::clsid::IptablesFirewall, &Create<firewall::IptablesFirewall, firewall::IFirewallStateQuery>},
     {oro::clsid::IptablesInfoProvider, &Create<firewall::IptablesInfoProvider, firewall::IIptablesInfoProvider>},
 };
