@@ -4,7 +4,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_log.h>
-#include <sys/prctl.h>
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -25,6 +25,7 @@ using tracing::Detail;
 using tracing::Warning;
 
 constexpr std::uint32_t kCopyRange = 60;  // the IP and transport headers
+constexpr char kThreadName[] = "vornNfLogPoll";
 
 std::string GroupsText(const NflogGroupList& groups) {
   std::ostringstream text;
@@ -188,6 +189,9 @@ result_t NflogListener::StartThread(const NflogGroupList& logGroups) {
   } catch (const std::system_error& e) {
     return oro::ResultFromErrno(e.code().value());
   }
+  // Named here rather than by the thread itself: once Start returns, the
+  // thread shows under its name.
+  ::pthread_setname_np(m_thread.native_handle(), kThreadName);
   return oro::errOk;
 }
 
@@ -204,7 +208,6 @@ result_t NflogListener::StopRunning() {
 }
 
 void NflogListener::Run() noexcept {
-  ::prctl(PR_SET_NAME, "vornNfLogPoll", 0, 0, 0);
   NflogSocketReader reader(m_tracer, m_socket, *m_handler);
   NflogPollLoop(m_tracer, m_socket.Fd(), m_stop->Fd(), reader).Run();
   try {

@@ -50,12 +50,12 @@ class FakeNflogCallback final : public ObjectImpl<FakeNflogCallback, firewall::I
     return text;
   }
 
-  // Until Release, the listener's thread waits in its next call.
+  // Until Let, the listener's thread waits in its next call.
   void Hold() {
     std::lock_guard lock(m_mutex);
     m_holding = true;
   }
-  void Release() {
+  void Let() {
     std::lock_guard lock(m_mutex);
     m_holding = false;
     m_released.notify_all();
