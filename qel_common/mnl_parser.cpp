@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <limits>
 #include <sstream>
@@ -42,6 +43,22 @@ std::string HexDump(const unsigned char* bytes, std::size_t size) {
   return text;
 }
 
+// The length of the run of whole messages at the start of the buffer.
+// libmnl compares a message's length as a signed number, so a length with
+// the top bit set passes its check and the walk leaves the buffer; only
+// this run is handed to it.
+std::size_t WholeMessages(const void* buffer, std::size_t size) {
+  const auto* bytes = static_cast<const unsigned char*>(buffer);
+  std::size_t offset = 0;
+  while (size - offset >= sizeof(nlmsghdr)) {
+    std::uint32_t length;
+    std::memcpy(&length, bytes + offset, sizeof length);
+    if (length < sizeof(nlmsghdr) || length > size - offset) break;
+    offset += std::min<std::size_t>(MNL_ALIGN(length), size - offset);
+  }
+  return offset;
+}
+
 std::optional<std::uint16_t> AttributeLimit(std::optional<unsigned long> highest) {
   if (!highest) return std::nullopt;
   return static_cast<std::uint16_t>(std::min<unsigned long>(*highest, std::numeric_limits<std::uint16_t>::max()));
@@ -73,8 +90,17 @@ int MnlParser::Parse(const void* buffer, std::size_t size, std::uint32_t sequenc
   const mnl_cb_t perMessage = [](const nlmsghdr* message, void* data) noexcept {
     return static_cast<const MnlParser*>(data)->ParseMessage(message);
   };
-  return mnl_cb_run(buffer, size, sequence, portId, m_callback ? perMessage : nullptr,
-                    const_cast<MnlParser*>(this));
+  const std::size_t whole = WholeMessages(buffer, size);
+  const int result =
+      mnl_cb_run(buffer, whole, sequence, portId, m_callback ? perMessage : nullptr, const_cast<MnlParser*>(this));
+  // Bytes too few for a header at the end are padding, as libmnl has it.
+  if (result != MNL_CB_OK || size - whole < sizeof(nlmsghdr)) return result;
+  try {
+    m_tracer.Write(Error, "Malformed netlink message at offset ", whole, ": its length does not fit the ",
+                   size - whole, " bytes left");
+  } catch (...) {
+  }
+  return MNL_CB_ERROR;
 }
 
 int MnlParser::ParseMessage(const nlmsghdr* message) const noexcept {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
 
+#include <cstring>
 #include <stdexcept>
 
 #include "support/fake_framework.h"
@@ -129,6 +130,26 @@ TEST_F(MnlParserTest, RejectionsFailTheParseAndSayWhy) {
   }
 }
 
+// The messages before it are parsed; a length that would lead past the
+// buffer (here one that is negative as a signed number) is not followed.
+TEST_F(MnlParserTest, AMessageLongerThanTheBufferFailsTheParseAfterTheWholeOnes) {
+  for (const std::uint32_t length : {0xfffffff0u, 0x100u, 8u}) {
+    SCOPED_TRACE(length);
+    NetlinkMessages built;
+    built.Message(NetlinkMessages::kLoggedPacket, 10001, 1).Attribute(kPrefix, "Block");
+    const std::size_t second = built.Size();
+    built.Message(NetlinkMessages::kLoggedPacket, 10001, 2).Attribute(kPrefix, "Allow");
+    std::memcpy(&built.Bytes()[second], &length, sizeof length);
+    Seen caseSeen;
+    const auto caseTracer = oro::RefPtr<FakeTracer>::Adopt(new FakeTracer);
+    const MnlParser parser(caseTracer.Get(), caseSeen.Recorder(), kHighest, nullptr);
+
+    EXPECT_EQ(parser.Parse(built.Data(), built.Size(), 0, 0), MNL_CB_ERROR);
+    EXPECT_EQ(caseSeen.messages, std::vector<std::string>{"1:20 Block"});
+    EXPECT_TRUE(caseTracer->Contains(tracing::Error, "Malformed netlink message at offset 32"));
+  }
+}
+
 TEST_F(MnlParserTest, AThrowingCallbackFailsTheParseWithoutThrowing) {
   buffer.Message(NetlinkMessages::kLoggedPacket, 10001);
   const MnlParser parser(
@@ -160,7 +181,8 @@ TEST_F(MnlParserTest, EveryParseIsDumpedAtDetailLevelAndALongDumpIsCut) {
 
   std::vector<std::uint8_t> large(64 * 1024, 0);
   parser.Parse(large.data(), large.size(), 0, 0);
-  const std::string cut = tracer->Lines().back().second;
+  const std::string cut = tracer->Lines().at(1).second;
+  EXPECT_NE(cut.find("numBytes=65536"), std::string::npos);
   EXPECT_EQ(cut.substr(cut.size() - 4), "\n...");
 }
 
