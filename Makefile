@@ -82,7 +82,7 @@ test: build
 	$(CMAKE) --preset tsan
 	$(CMAKE) --build --preset tsan -j $(JOBS)
 	$(CTEST) --preset tsan $(CTEST_ARGS)
-	@echo "=== fuzzing the listing and request parsers for $(FUZZ_SECONDS) s (build/fuzz) ==="
+	@echo "=== fuzzing the listing, request and netlink parsers for $(FUZZ_SECONDS) s (build/fuzz) ==="
 	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/run-fuzz.sh
 
 demo: build

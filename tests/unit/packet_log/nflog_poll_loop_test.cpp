@@ -69,20 +69,8 @@ TEST_F(NflogPollLoopTest, AStopArrivingWithDataEndsTheLoopWithoutReading) {
   EXPECT_NE(stop.Drain(), oro::errOk);
 }
 
-TEST_F(NflogPollLoopTest, DataIsReadUntilTheStopComes) {
-  socket = ScriptedSocket(listening.Get());
-  SendPacket();
-  SendPacket();
-  socket.afterRead = [&] {
-    if (socket.reads == 2) return stop.Notify();
-    return oro::errOk;
-  };
-
-  EXPECT_EQ(Run(), oro::errOk);
-  EXPECT_EQ(socket.reads, 2);
-}
-
-TEST_F(NflogPollLoopTest, AFailedReadIsTracedAndTheLoopGoesOn) {
+// A failed read is traced and the loop reads on, until the stop comes.
+TEST_F(NflogPollLoopTest, DataIsReadThroughFailedReadsUntilTheStopComes) {
   socket = ScriptedSocket(listening.Get());
   SendPacket();
   SendPacket();
@@ -93,24 +81,22 @@ TEST_F(NflogPollLoopTest, AFailedReadIsTracedAndTheLoopGoesOn) {
   EXPECT_EQ(tracer->Count(tracing::Error, "Cannot read from nflog netlink socket"), 1u);
 }
 
+// The socket is checked before the stop: a hung-up peer (POLLHUP) or a
+// descriptor that is not open (POLLNVAL) ends the loop as a failure.
 TEST_F(NflogPollLoopTest, ABrokenSocketEndsTheLoopEvenWhenAStopIsPending) {
   socket = ScriptedSocket(listening.Get());
   ASSERT_EQ(stop.Notify(), oro::errOk);
-  kernel.Reset();  // the peer hangs up
-
-  EXPECT_EQ(Run(), oro::errUnexpected);
-  EXPECT_TRUE(tracer->Contains(tracing::Error,
-                               "((netlinkEvents & (0x010 | 0x008 | 0x020)) == 0) failed: result = false. "
-                               "Netlink socket is corrupted"));
-  EXPECT_EQ(socket.reads, 0);
-}
-
-TEST_F(NflogPollLoopTest, ADescriptorThatIsNotOpenEndsTheLoop) {
+  kernel.Reset();
   const int closed = ::dup(listening.Get());
   ::close(closed);
 
+  EXPECT_EQ(Run(), oro::errUnexpected);
   EXPECT_EQ(Run(closed), oro::errUnexpected);
-  EXPECT_TRUE(tracer->Contains("Netlink socket is corrupted"));
+  EXPECT_EQ(tracer->Count(tracing::Error,
+                          "((netlinkEvents & (0x010 | 0x008 | 0x020)) == 0) failed: result = false. "
+                          "Netlink socket is corrupted"),
+            2u);
+  EXPECT_EQ(socket.reads, 0);
 }
 
 }  // namespace
