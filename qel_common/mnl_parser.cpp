@@ -28,7 +28,7 @@ constexpr std::size_t kDumpLineLimit = 64;
 
 std::string HexDump(const unsigned char* bytes, std::size_t size) {
   std::string text;
-  char part[8];
+  char part[24];
   const std::size_t shown = std::min(size, kDumpBytesPerLine * kDumpLineLimit);
   for (std::size_t offset = 0; offset < shown; ++offset) {
     if (offset % kDumpBytesPerLine == 0) {
