@@ -94,8 +94,10 @@ std::uint64_t SendPaced(int fd, std::uint64_t count, std::uint64_t rate) {
     }
     const unsigned want = unsigned(std::min<std::uint64_t>(kBatch, count - sent));
     const int done = sendmmsg(fd, batch.data(), want, 0);
-    if (done > 0) sent += unsigned(done);
-    else if (errno != ENOBUFS && errno != EAGAIN && errno != EINTR) throw std::runtime_error("sendmmsg failed");
+    if (done > 0)
+      sent += unsigned(done);
+    else if (errno != ENOBUFS && errno != EAGAIN && errno != EINTR)
+      throw std::runtime_error("sendmmsg failed");
   }
   return sent;
 }
@@ -125,8 +127,8 @@ std::string RunRate(std::uint64_t rate, std::uint64_t packets, int receiveBuffer
                    "--nflog-prefix", "Block", "--nflog-group", std::to_string(kGroup)});
   auto callback = oro::RefPtr<CountingCallback>::Adopt(new CountingCallback);
   oro::RefPtr<firewall::NflogListener> listener;
-  if (ORO_FAILED(CreateInstance(listener, oro::RefPtr<oro::ITracer>(), oro::RefPtr<firewall::INflogDataCallback>::Share(callback.Get()),
-                                receiveBuffer)) ||
+  if (ORO_FAILED(CreateInstance(listener, oro::RefPtr<oro::ITracer>(),
+                                oro::RefPtr<firewall::INflogDataCallback>::Share(callback.Get()), receiveBuffer)) ||
       ORO_FAILED(listener->Start({kGroup}))) {
     throw std::runtime_error("cannot start the NFLOG listener");
   }
@@ -153,8 +155,7 @@ std::string RunRate(std::uint64_t rate, std::uint64_t packets, int receiveBuffer
 
   const auto& group = counts.groups.at(0);
   char line[400];
-  std::snprintf(line, sizeof line,
-                "%9s %7llu %9.0f %9llu %8llu %8llu %9llu   %-3s %9.2f\n",
+  std::snprintf(line, sizeof line, "%9s %7llu %9.0f %9llu %8llu %8llu %9llu   %-3s %9.2f\n",
                 rate ? std::to_string(rate).c_str() : "max", (unsigned long long)sent, sent / seconds,
                 (unsigned long long)group.delivered, (unsigned long long)group.lost,
                 (unsigned long long)counts.overruns, (unsigned long long)counter,
@@ -171,9 +172,8 @@ std::vector<std::uint64_t> ParseRates(const std::string& text) {
 }
 
 int Usage(const char* self) {
-  std::fprintf(stderr,
-               "usage: %s [--rates 10000,25000,...,max] [--packets N] [--backends legacy,nft] [--rcvbuf BYTES]\n",
-               self);
+  std::fprintf(
+      stderr, "usage: %s [--rates 10000,25000,...,max] [--packets N] [--backends legacy,nft] [--rcvbuf BYTES]\n", self);
   return 2;
 }
 
@@ -211,17 +211,19 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "nflog_bench needs root (network namespaces)\n");
     return 2;
   }
-  std::printf("nflog_bench: %llu UDP packets per rate from a peer namespace to a logging rule (NFLOG group %u),\n"
-              "receive buffer asked for: %d bytes. After the burst has drained, one more packet is sent so that\n"
-              "losses at its tail show; 'counter' is the rule's packet counter read after it, so 'adds up' compares\n"
-              "it with delivered + lost, that extra packet included. CPU/event: the listener thread's time on a\n"
-              "CPU (schedstat) per delivered event.\n",
-              (unsigned long long)packets, kGroup, receiveBuffer);
+  std::printf(
+      "nflog_bench: %llu UDP packets per rate from a peer namespace to a logging rule (NFLOG group %u),\n"
+      "receive buffer asked for: %d bytes. After the burst has drained, one more packet is sent so that\n"
+      "losses at its tail show; 'counter' is the rule's packet counter read after it, so 'adds up' compares\n"
+      "it with delivered + lost, that extra packet included. CPU/event: the listener thread's time on a\n"
+      "CPU (schedstat) per delivered event.\n",
+      (unsigned long long)packets, kGroup, receiveBuffer);
   for (const IptablesBackend backend : backends) {
-    std::printf("\n[%s]\n%9s %7s %9s %9s %8s %8s %9s %7s %9s\n", test::BackendName(backend), "rate/s", "sent",
-                "sent/s", "delivered", "lost", "overruns", "counter", "adds up", "CPU/ev µs");
+    std::printf("\n[%s]\n%9s %7s %9s %9s %8s %8s %9s %7s %9s\n", test::BackendName(backend), "rate/s", "sent", "sent/s",
+                "delivered", "lost", "overruns", "counter", "adds up", "CPU/ev µs");
     for (const std::uint64_t rate : rates) {
-      const test::ChildRun run = test::RunInNetworkNamespace(backend, [&] { return RunRate(rate, packets, receiveBuffer); });
+      const test::ChildRun run =
+          test::RunInNetworkNamespace(backend, [&] { return RunRate(rate, packets, receiveBuffer); });
       std::printf("%s", run.completed ? run.output.c_str() : ("failed: " + run.output + "\n").c_str());
       std::fflush(stdout);
     }

@@ -43,9 +43,7 @@ oro::result_t NetlinkSocket::Bind() noexcept {
 
 int NetlinkSocket::Fd() const noexcept { return m_socket ? mnl_socket_get_fd(m_socket.get()) : -1; }
 
-std::uint32_t NetlinkSocket::PortId() const noexcept {
-  return m_socket ? mnl_socket_get_portid(m_socket.get()) : 0;
-}
+std::uint32_t NetlinkSocket::PortId() const noexcept { return m_socket ? mnl_socket_get_portid(m_socket.get()) : 0; }
 
 oro::result_t NetlinkSocket::Send(const nlmsghdr& message) noexcept {
   if (!m_socket) return oro::errInvalidState;

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <linux/netlink.h>
-
 #include <sys/types.h>
 
 #include <cstddef>

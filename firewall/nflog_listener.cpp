@@ -163,8 +163,9 @@ result_t NflogListener::InitNetlinkSocket(const NflogGroupList& logGroups) {
                                std::string(failure) + std::strerror(errno));
     return false;
   };
-  bool sent = send(ConfigMessage::Command(AF_INET, 0, NFULNL_CFG_CMD_PF_UNBIND), "Cannot send NFLOG PF_UNBIND request: ") &&
-              send(ConfigMessage::Command(AF_INET, 0, NFULNL_CFG_CMD_PF_BIND), "Cannot send NFLOG PF_BIND request: ");
+  bool sent =
+      send(ConfigMessage::Command(AF_INET, 0, NFULNL_CFG_CMD_PF_UNBIND), "Cannot send NFLOG PF_UNBIND request: ") &&
+      send(ConfigMessage::Command(AF_INET, 0, NFULNL_CFG_CMD_PF_BIND), "Cannot send NFLOG PF_BIND request: ");
   for (std::size_t i = 0; sent && i < logGroups.size(); ++i) {
     const std::uint16_t group = logGroups[i];
     sent = send(ConfigMessage::Command(AF_INET, group, NFULNL_CFG_CMD_BIND), "Cannot send NFLOG BIND request: ") &&

@@ -10,8 +10,8 @@ void NflogLossTrace::Add(std::uint64_t lost, std::uint64_t overruns, Clock::time
 
 void NflogLossTrace::Flush() {
   if (!Pending()) return;
-  m_tracer.Write(tracing::Warning, "NFLOG packets lost: ", m_lost, " missing from the groups' numbering, ",
-                 m_overruns, " receive buffer overruns");
+  m_tracer.Write(tracing::Warning, "NFLOG packets lost: ", m_lost, " missing from the groups' numbering, ", m_overruns,
+                 " receive buffer overruns");
   m_lost = m_overruns = 0;
 }
 

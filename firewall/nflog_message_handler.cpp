@@ -39,8 +39,7 @@ NflogMessageHandler::NflogMessageHandler(const tracing::Tracer& tracer, const Nf
     m_byGroup.emplace_back(groups[i], &m_slots[i]);
   }
   // A group listed twice counts in its first place.
-  std::stable_sort(m_byGroup.begin(), m_byGroup.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::stable_sort(m_byGroup.begin(), m_byGroup.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
 }
 
 int NflogMessageHandler::OnMessage(const nlmsghdr* message, tools::MnlParser::AttributeTable attributes) {
@@ -69,8 +68,8 @@ NflogCounts NflogMessageHandler::Counts() const {
   counts.groups.reserve(m_slotCount);
   for (std::size_t i = 0; i < m_slotCount; ++i) {
     const GroupSlot& slot = m_slots[i];
-    counts.groups.push_back({slot.group, slot.delivered.load(std::memory_order_relaxed),
-                             slot.lost.load(std::memory_order_relaxed)});
+    counts.groups.push_back(
+        {slot.group, slot.delivered.load(std::memory_order_relaxed), slot.lost.load(std::memory_order_relaxed)});
   }
   counts.overruns = m_overruns.load(std::memory_order_relaxed);
   return counts;

@@ -93,8 +93,7 @@ NflogPollLoop::Step NflogPollLoop::OnSocketError(short events) {
     }
     if (error == 0) return Step::Continue;  // taken by a receive in between
   }
-  QEL_TRACE_FAILED_CONDITION(m_tracer, "(netlinkEvents & (0x010 | 0x008 | 0x020)) == 0",
-                             "Netlink socket is corrupted");
+  QEL_TRACE_FAILED_CONDITION(m_tracer, "(netlinkEvents & (0x010 | 0x008 | 0x020)) == 0", "Netlink socket is corrupted");
   return Step::Failed;
 }
 

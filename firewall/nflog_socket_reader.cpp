@@ -8,8 +8,7 @@
 
 namespace qel::firewall {
 
-NflogSocketReader::NflogSocketReader(const tracing::Tracer& tracer, NetlinkSocket& socket,
-                                     NflogMessageHandler& handler)
+NflogSocketReader::NflogSocketReader(const tracing::Tracer& tracer, NetlinkSocket& socket, NflogMessageHandler& handler)
     : m_tracer(tracer),
       m_socket(socket),
       m_handler(handler),
@@ -34,8 +33,7 @@ oro::result_t NflogSocketReader::ReadPending() noexcept {
                                  std::string("Cannot read netlink socket: ") + std::strerror(error));
       return oro::errUnexpected;
     }
-    if (m_parser.Parse(m_buffer.data(), static_cast<std::size_t>(bytesRead), 0, m_socket.PortId()) ==
-        MNL_CB_ERROR) {
+    if (m_parser.Parse(m_buffer.data(), static_cast<std::size_t>(bytesRead), 0, m_socket.PortId()) == MNL_CB_ERROR) {
       m_tracer.Write(tracing::Error, "Cannot process netlink message");
       return oro::errUnexpected;
     }

@@ -96,8 +96,8 @@ int MnlParser::Parse(const void* buffer, std::size_t size, std::uint32_t sequenc
   // Bytes too few for a header at the end are padding, as libmnl has it.
   if (result != MNL_CB_OK || size - whole < sizeof(nlmsghdr)) return result;
   try {
-    m_tracer.Write(Error, "Malformed netlink message at offset ", whole, ": its length does not fit the ",
-                   size - whole, " bytes left");
+    m_tracer.Write(Error, "Malformed netlink message at offset ", whole, ": its length does not fit the ", size - whole,
+                   " bytes left");
   } catch (...) {
   }
   return MNL_CB_ERROR;
@@ -164,16 +164,14 @@ bool MnlParser::PassesCheck(const nlattr* attribute) const {
   return it == m_checker->end() || it->second(attribute) >= 0;
 }
 
-void MnlParser::TraceBuffer(const void* buffer, std::size_t size, std::uint32_t sequence,
-                            std::uint32_t portId) const {
+void MnlParser::TraceBuffer(const void* buffer, std::size_t size, std::uint32_t sequence, std::uint32_t portId) const {
   if (!m_tracer.Enabled(Detail)) return;
   std::ostringstream text;
   // The constructor's signature heads the record: the dumps of every parser
   // read alike whoever built it.
   text << "qel::tools::MnlParser::MnlParser(oro::ITracer*, qel::tools::MnlParser::Callback, "
           "std::optional<long unsigned int>, const Checker*)"
-       << " buf=" << buffer << " numBytes=" << size << " seq=" << sequence << " portId=" << portId
-       << " bufDump:\n"
+       << " buf=" << buffer << " numBytes=" << size << " seq=" << sequence << " portId=" << portId << " bufDump:\n"
        << HexDump(static_cast<const unsigned char*>(buffer), size);
   m_tracer.Write(Detail, text.str());
 }

@@ -83,7 +83,8 @@ std::string Counts(INflogListener* listener) {
 struct ListenerRig {
   ListenerRig() {
     locator->Register(tracer);
-    if (ORO_FAILED(CreateInstance(factory, locator.Get())) || ORO_FAILED(factory->Create(callback.Get(), listener.Out()))) {
+    if (ORO_FAILED(CreateInstance(factory, locator.Get())) ||
+        ORO_FAILED(factory->Create(callback.Get(), listener.Out()))) {
       throw std::runtime_error("cannot create an NFLOG listener");
     }
   }
@@ -142,13 +143,14 @@ TEST_P(NflogListenerNsTest, LoggedPacketsReachTheClientWithTheirGroupAndAttribut
     text += Counts(rig.listener.Get()) + "\n";
     return text + Result(rig.listener->Stop());
   });
-  EXPECT_EQ(output, kOk + "\n"
-                          "10001 hook 1 Block v4 proto 17 payload 60 numbered\n"
-                          "10002 hook 1 Allow v6 proto 6 payload 60 numbered\n"
-                          "10003 hook 3 Allow v4 proto 17 payload 48 numbered\n"
-                          "10005 hook 1 Block v4 proto 1 payload 60 numbered\n"
-                          "10001:1/0 10002:1/0 10003:1/0 10005:1/0 overruns 0\n" +
-                          kOk);
+  EXPECT_EQ(output, kOk +
+                        "\n"
+                        "10001 hook 1 Block v4 proto 17 payload 60 numbered\n"
+                        "10002 hook 1 Allow v6 proto 6 payload 60 numbered\n"
+                        "10003 hook 3 Allow v4 proto 17 payload 48 numbered\n"
+                        "10005 hook 1 Block v4 proto 1 payload 60 numbered\n"
+                        "10001:1/0 10002:1/0 10003:1/0 10005:1/0 overruns 0\n" +
+                        kOk);
 }
 
 // The thread and the socket exist exactly while started; a second start is
@@ -177,12 +179,20 @@ TEST_P(NflogListenerNsTest, StartAndStopOwnTheThreadAndTheSocket) {
     text += "stop: " + after(rig.listener->Stop());
     return text + " " + Counts(rig.listener.Get());
   });
-  EXPECT_EQ(output, "stopped: " + kOk + " threads 0 descriptors +0\n"
-                    "no groups: " + kOk + " threads 1 descriptors +2, " + kOk + " threads 0 descriptors +0\n"
-                    "started: " + kOk + " threads 1 descriptors +2\n"
-                    "again: " + Result(oro::errInvalidState) + " threads 1 descriptors +2\n"
-                    "10001 hook 1 Block v4 proto 17 payload 60 numbered\n"
-                    "stop: " + kOk + " threads 0 descriptors +0 overruns 0");
+  EXPECT_EQ(output, "stopped: " + kOk +
+                        " threads 0 descriptors +0\n"
+                        "no groups: " +
+                        kOk + " threads 1 descriptors +2, " + kOk +
+                        " threads 0 descriptors +0\n"
+                        "started: " +
+                        kOk +
+                        " threads 1 descriptors +2\n"
+                        "again: " +
+                        Result(oro::errInvalidState) +
+                        " threads 1 descriptors +2\n"
+                        "10001 hook 1 Block v4 proto 17 payload 60 numbered\n"
+                        "stop: " +
+                        kOk + " threads 0 descriptors +0 overruns 0");
 }
 
 // A client too slow for a burst makes the kernel drop packets; the listener

@@ -94,20 +94,18 @@ TEST_F(MnlParserTest, RejectionsFailTheParseAndSayWhy) {
     std::uint32_t expectedSequence;
     const char* trace;
   };
-  const MnlParser::Checker checker{{kPrefix, [](const nlattr* attr) {
-                                      return std::string(static_cast<const char*>(mnl_attr_get_payload(attr))) ==
-                                                     "Allow"
-                                                 ? 0
-                                                 : -1;
-                                    }},
-                                   {11, [](const nlattr*) -> int { throw std::runtime_error("check broke"); }}};
+  const MnlParser::Checker checker{
+      {kPrefix,
+       [](const nlattr* attr) {
+         return std::string(static_cast<const char*>(mnl_attr_get_payload(attr))) == "Allow" ? 0 : -1;
+       }},
+      {11, [](const nlattr*) -> int { throw std::runtime_error("check broke"); }}};
   const Case cases[] = {
       {"type above the highest",
        [](auto& b) { b.Message(NetlinkMessages::kLoggedPacket, 1).Attribute(kHighest + 1, "x"); }, 0,
        "Invalid MNL attribute type=20"},
       {"foreign sequence number", [](auto& b) { b.Message(NetlinkMessages::kLoggedPacket, 1, 8); }, 9, ""},
-      {"checker rejects",
-       [](auto& b) { b.Message(NetlinkMessages::kLoggedPacket, 1).Attribute(kPrefix, "Block"); }, 0,
+      {"checker rejects", [](auto& b) { b.Message(NetlinkMessages::kLoggedPacket, 1).Attribute(kPrefix, "Block"); }, 0,
        "(it == m_checker->end() || it->second(attr) >= 0) failed: result = false. Failure in attribute check "
        "type=10"},
       {"checker throws", [](auto& b) { b.Message(NetlinkMessages::kLoggedPacket, 1).Attribute(11, "x"); }, 0,
