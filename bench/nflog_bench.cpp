@@ -5,14 +5,17 @@
 // logging rule (NFLOG group 10001, written as the module's compiler writes
 // it) sees a burst of UDP packets that the peer sends at the given rate,
 // paced with sendmmsg batches against a monotonic clock. The listener's
-// client only counts. Printed per rate: packets sent, events delivered,
+// client only counts (see --client-ns). Printed per rate: packets sent, events delivered,
 // losses counted by the listener (gaps in the group's numbering) and failed
 // receives (overruns), the rule's own packet counter, whether the counter
 // equals delivered plus lost, and the listener thread's CPU per event.
 // Nothing is asserted.
 //
 //   nflog_bench [--rates 10000,25000,50000,100000,200000,max] [--packets 100000]
-//               [--backends legacy,nft] [--rcvbuf BYTES]
+//               [--backends legacy,nft] [--rcvbuf BYTES] [--client-ns NS]
+//
+// --client-ns makes the client spend that much CPU per event, so that the
+// listener falls behind at lower rates and the counting of losses shows.
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -47,13 +50,24 @@ constexpr std::uint16_t kPort = 5001;
 constexpr std::size_t kPayload = 32;
 constexpr unsigned kBatch = 64;
 
+// Counts, after spending a given CPU time per event, as a client that builds
+// and publishes an event would.
 class CountingCallback final : public ObjectImpl<CountingCallback, firewall::INflogDataCallback> {
  public:
+  explicit CountingCallback(std::uint64_t workNs) : m_work(std::chrono::nanoseconds(workNs)) {}
   bool OnNflogData(std::uint16_t, firewall::NflogAttributes) noexcept override {
+    if (m_work.count() != 0) {
+      const auto until = Clock::now() + m_work;
+      while (Clock::now() < until) {
+      }
+    }
     calls.fetch_add(1, std::memory_order_relaxed);
     return true;
   }
   std::atomic<std::uint64_t> calls = 0;
+
+ private:
+  const std::chrono::nanoseconds m_work;
 };
 
 // Nanoseconds the thread named `name` has run on a CPU; 0 when there is none.
@@ -121,11 +135,11 @@ void WaitUntilDrained(const CountingCallback& callback) {
   }
 }
 
-std::string RunRate(std::uint64_t rate, std::uint64_t packets, int receiveBuffer) {
+std::string RunRate(std::uint64_t rate, std::uint64_t packets, int receiveBuffer, std::uint64_t clientNs) {
   const test::PeerNamespace peer;
   test::RunToolOk({"iptables", "-A", "INPUT", "-p", "udp", "--dport", std::to_string(kPort), "-j", "NFLOG",
                    "--nflog-prefix", "Block", "--nflog-group", std::to_string(kGroup)});
-  auto callback = oro::RefPtr<CountingCallback>::Adopt(new CountingCallback);
+  auto callback = oro::RefPtr<CountingCallback>::Adopt(new CountingCallback(clientNs));
   oro::RefPtr<firewall::NflogListener> listener;
   if (ORO_FAILED(CreateInstance(listener, oro::RefPtr<oro::ITracer>(),
                                 oro::RefPtr<firewall::INflogDataCallback>::Share(callback.Get()), receiveBuffer)) ||
@@ -172,8 +186,10 @@ std::vector<std::uint64_t> ParseRates(const std::string& text) {
 }
 
 int Usage(const char* self) {
-  std::fprintf(
-      stderr, "usage: %s [--rates 10000,25000,...,max] [--packets N] [--backends legacy,nft] [--rcvbuf BYTES]\n", self);
+  std::fprintf(stderr,
+               "usage: %s [--rates 10000,25000,...,max] [--packets N] [--backends legacy,nft] [--rcvbuf BYTES] "
+               "[--client-ns NS]\n",
+               self);
   return 2;
 }
 
@@ -184,6 +200,7 @@ int main(int argc, char** argv) {
   std::vector<IptablesBackend> backends{IptablesBackend::Legacy, IptablesBackend::Nft};
   std::uint64_t packets = 100000;
   int receiveBuffer = firewall::NflogListener::kReceiveBufferBytes;
+  std::uint64_t clientNs = 0;
   try {
     for (int i = 1; i < argc; i += 2) {
       const std::string arg = argv[i];
@@ -192,6 +209,8 @@ int main(int argc, char** argv) {
         rates = ParseRates(argv[i + 1]);
       } else if (arg == "--packets") {
         packets = std::stoull(argv[i + 1]);
+      } else if (arg == "--client-ns") {
+        clientNs = std::stoull(argv[i + 1]);
       } else if (arg == "--rcvbuf") {
         receiveBuffer = std::stoi(argv[i + 1]);
       } else if (arg == "--backends") {
@@ -223,7 +242,7 @@ int main(int argc, char** argv) {
                 "delivered", "lost", "overruns", "counter", "adds up", "CPU/ev µs");
     for (const std::uint64_t rate : rates) {
       const test::ChildRun run =
-          test::RunInNetworkNamespace(backend, [&] { return RunRate(rate, packets, receiveBuffer); });
+          test::RunInNetworkNamespace(backend, [&] { return RunRate(rate, packets, receiveBuffer, clientNs); });
       std::printf("%s", run.completed ? run.output.c_str() : ("failed: " + run.output + "\n").c_str());
       std::fflush(stdout);
     }

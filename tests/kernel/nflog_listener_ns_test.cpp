@@ -204,7 +204,7 @@ TEST_P(NflogListenerNsTest, PacketsTheKernelDropsAreCounted) {
     LogTo("iptables", "INPUT", "-p udp --dport 5001", 10001, "Block");
     std::string text = Result(rig.listener->Start({10001}));
     rig.callback->Hold();
-    peer.Within([] { SendUdp(kHost4, 5001, 60000, 16); });
+    peer.Within([] { SendUdp(kHost4, 5001, 100000, 16); });
     rig.callback->Let();
     const auto tally = [&] {
       NflogCounts counts;
