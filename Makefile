@@ -8,7 +8,8 @@
 #                  the service's and spawning tests with TSan, then fuzz
 #   make test-asan / test-tsan   only one of the sanitizer runs
 #   make demo      build, then run the module live in throwaway namespaces
-#   make bench     measure the module against the bare iptables tools
+#   make bench     measure the module against the bare iptables tools, and
+#                  the NFLOG listener under bursts of logged packets
 #   make aarch64   cross build for AArch64, check the library's architecture,
 #                  run the unit and blackbox tests under qemu-user
 #   make clean     remove the preset build trees
@@ -26,6 +27,7 @@ FUZZ_SECONDS ?= 60
 
 BUILD_DIRS := build/default build/asan build/tsan build/aarch64 build/fuzz build/bench
 BENCH_ARGS ?=
+NFLOG_BENCH_ARGS ?=
 
 .PHONY: all deps deps-aarch64 build build-asan build-tsan test test-default test-asan test-tsan \
         check-exports demo bench aarch64 build-aarch64 test-aarch64 check-arch-aarch64 clean
@@ -80,18 +82,21 @@ test: build
 	$(CMAKE) --preset tsan
 	$(CMAKE) --build --preset tsan -j $(JOBS)
 	$(CTEST) --preset tsan $(CTEST_ARGS)
-	@echo "=== fuzzing the listing and request parsers for $(FUZZ_SECONDS) s (build/fuzz) ==="
+	@echo "=== fuzzing the listing, request and netlink parsers for $(FUZZ_SECONDS) s (build/fuzz) ==="
 	FUZZ_SECONDS=$(FUZZ_SECONDS) bash scripts/run-fuzz.sh
 
 demo: build
 	bash scripts/demo.sh build/default
 
-# The module against the bare iptables tools, in network namespaces (root).
+# The module against the bare iptables tools, then the NFLOG listener under
+# bursts at rising rates, in network namespaces (root).
 #   make bench BENCH_ARGS="--scales 10000 --backends nft --repeat 5"
+#   make bench NFLOG_BENCH_ARGS="--rates 50000,max --backends nft"
 bench: deps
 	$(CMAKE) -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DQEL_BUILD_TESTS=OFF
-	$(CMAKE) --build build/bench --target firewall_bench -j $(JOBS)
+	$(CMAKE) --build build/bench --target firewall_bench nflog_bench -j $(JOBS)
 	./build/bench/bench/firewall_bench $(BENCH_ARGS)
+	./build/bench/bench/nflog_bench $(NFLOG_BENCH_ARGS)
 
 # --- AArch64 (cross + qemu-user) -----------------------------------------------
 

@@ -3,6 +3,7 @@
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
 #include "firewall/lumra_mode_ports_exclude.h"
+#include "firewall/nflog_listener_factory.h"
 #include "firewall/nfqueue_query.h"
 #include "firewall/ostra_ports.h"
 #include "module/class_factory.h"
@@ -33,6 +34,7 @@ constexpr FactoryEntry kFactoryClasses[] = {
 constexpr ClassEntry kDirectClasses[] = {
     {oro::clsid::LumraModePortsExclude,
      &Create<firewall::LumraModePortsExclude, firewall::ILumraModePortsExclude>},
+    {oro::clsid::NflogListenerFactory, &Create<firewall::NflogListenerFactory, firewall::INflogListenerFactory>},
     {oro::clsid::IptablesFirewall, &Create<firewall::IptablesFirewall, firewall::IFirewallStateQuery>},
     {oro::clsid::IptablesInfoProvider, &Create<firewall::IptablesInfoProvider, firewall::IIptablesInfoProvider>},
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "firewall/firewall_interfaces.h"
+#include "firewall/packet_log_interfaces.h"
 #include "oro/module_exports.h"
 #include "oro/task.h"
 #include "support/fake_dynamic_rules.h"
@@ -105,6 +106,37 @@ TEST_F(ModuleExportsTest, AgentPortsAndVirtualisationExclusionsAnswer) {
   EXPECT_EQ(calls[0].tag, "ostra");
   EXPECT_EQ(calls[1].tag, "lumra");
   EXPECT_FALSE(calls[1].rules.empty());
+}
+
+class IgnoringNflogCallback final : public ObjectImpl<IgnoringNflogCallback, firewall::INflogDataCallback> {
+ public:
+  bool OnNflogData(std::uint16_t, firewall::NflogAttributes) noexcept override { return true; }
+};
+
+// Created directly; it refuses what it cannot bind a listener to, and the
+// listeners it makes start stopped (not started here: that would bind
+// groups of the machine's own network namespace).
+TEST_F(ModuleExportsTest, NflogListenerFactoryMakesStoppedListeners) {
+  oro::RefPtr<oro::IObject> object;
+  ASSERT_EQ(m_module.createObject(oro::clsid::NflogListenerFactory, m_locator.Get(), object.Out()), oro::errOk);
+  auto factory = oro::QueryInterface<firewall::INflogListenerFactory>(object.Get());
+  ASSERT_TRUE(factory);
+  auto callback = Make<IgnoringNflogCallback>();
+  oro::RefPtr<firewall::INflogListener> listener;
+  EXPECT_EQ(factory->Create(nullptr, listener.Out()), oro::errInvalidArgument);
+  EXPECT_TRUE(m_tracer->Contains("(callback) failed: result = false. nflog callback is nullptr"));
+  EXPECT_EQ(factory->Create(callback.Get(), nullptr), oro::errInvalidArgument);
+  EXPECT_TRUE(m_tracer->Contains("(out) failed: result = false. out pointer of nflog listener is nullptr"));
+
+  ASSERT_EQ(factory->Create(callback.Get(), listener.Out()), oro::errOk);
+  EXPECT_EQ(listener->Stop(), oro::errOk);
+  EXPECT_TRUE(m_tracer->Contains(oro::trace_level::Warning, "Stop: NFLOG listener not started"));
+  auto counters = oro::QueryInterface<firewall::INflogCounters>(listener.Get());
+  ASSERT_TRUE(counters);
+  firewall::NflogCounts counts{{{10001, 1, 1}}, 1};
+  EXPECT_EQ(counters->GetNflogCounts(counts), oro::errOk);
+  EXPECT_TRUE(counts.groups.empty());
+  EXPECT_EQ(counts.overruns, 0u);
 }
 
 TEST_F(ModuleExportsTest, UnknownClassIdsAreRefused) {

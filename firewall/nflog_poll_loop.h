@@ -1,0 +1,46 @@
+// The NFLOG listener's wait: poll the netlink socket and the stop event
+// until the stop event fires or a descriptor breaks. Kept apart from the
+// socket so that the decisions (what wins when both are ready, what ends the
+// loop) run against any descriptors.
+#pragma once
+
+#include "oro/result.h"
+#include "qel_tracing/tracer.h"
+
+namespace qel::firewall {
+
+// What the loop does with the socket when it is ready.
+class NflogSocketEvents {
+ public:
+  virtual ~NflogSocketEvents() = default;
+  // Reads what is pending; a failure is traced and the loop goes on.
+  virtual oro::result_t ReadPending() noexcept = 0;
+  // The socket's receive buffer overflowed and the kernel dropped messages.
+  virtual void OnOverrun() noexcept = 0;
+};
+
+class NflogPollLoop {
+ public:
+  // `stopFd` is a DescriptorNotifier's: readable once notified, drained by
+  // an 8-byte read.
+  NflogPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd, NflogSocketEvents& socket) noexcept;
+
+  // Returns errOk once stopped; errUnexpected when poll or a descriptor
+  // fails. Pending socket data does not delay a stop: a stop that is ready
+  // ends the loop before any read.
+  oro::result_t Run() noexcept;
+
+ private:
+  enum class Step { Continue, Stopped, Failed };
+
+  Step Once();
+  // POLLERR, POLLHUP or POLLNVAL on the socket.
+  Step OnSocketError(short events);
+
+  const tracing::Tracer& m_tracer;
+  int m_netlinkFd;
+  int m_stopFd;
+  NflogSocketEvents& m_socket;
+};
+
+}  // namespace qel::firewall
