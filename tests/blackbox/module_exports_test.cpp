@@ -1,6 +1,13 @@
 // Loads libfirewall.so as the host does and uses nothing but its exports.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 
 #include "firewall/firewall_interfaces.h"
 #include "firewall/packet_log_interfaces.h"
@@ -10,6 +17,7 @@
 #include "support/fake_firewall.h"
 #include "support/fake_framework.h"
 #include "support/fake_lumra_host.h"
+#include "support/netns.h"
 
 namespace qel::test {
 namespace {
@@ -55,7 +63,7 @@ class ModuleExportsTest : public ::testing::Test {
   oro::RefPtr<FakeLocator> m_locator = Make<FakeLocator>();
 };
 
-TEST_F(ModuleExportsTest, TaskRunsAndUnloadIsRefusedWhileAFactoryOrObjectLives) {
+TEST_F(ModuleExportsTest, UnloadIsRefusedWhileAFactoryOrObjectLives) {
   EXPECT_EQ(m_module.canUnload(), kUnloadable);
   oro::RefPtr<oro::IObjectFactory> factory;
   ASSERT_EQ(m_module.getFactory(m_locator.Get(), oro::clsid::FirewallTask, factory.Out()), oro::errOk);
@@ -70,13 +78,56 @@ TEST_F(ModuleExportsTest, TaskRunsAndUnloadIsRefusedWhileAFactoryOrObjectLives) 
   ASSERT_TRUE(construct && task);
   settings::FirewallSettings settings;
   EXPECT_EQ(construct->Construct(&settings), oro::errOk);
-  EXPECT_EQ(task->Start(1, nullptr), oro::errOk);
-  EXPECT_EQ(task->Start(1, nullptr), 0x8000006au);
-  EXPECT_EQ(task->Stop(), oro::errOk);
   construct.Reset();
   object.Reset();
   EXPECT_EQ(m_module.canUnload(), kInUse);
   task.Reset();
+}
+
+std::size_t ThreadsNamed(const std::string& name) {
+  std::size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(entry.path() / "comm");
+    std::string line;
+    if (std::getline(comm, line) && line == name) ++count;
+  }
+  return count;
+}
+
+std::size_t OpenDescriptors() {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                                std::filesystem::directory_iterator{}));
+}
+
+// The task runs the module's own packet-log listener, which configures the
+// kernel's NFLOG instances: only ever inside a namespace of the test's own.
+TEST_F(ModuleExportsTest, TaskRunsItsPacketLogListenerOnlyWhileStarted) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: the task binds NFLOG groups, in a network namespace of its own";
+  const ChildRun run = RunInNetworkNamespace([&] {
+    std::ostringstream out;
+    oro::RefPtr<oro::IObjectFactory> factory;
+    if (m_module.getFactory(m_locator.Get(), oro::clsid::FirewallTask, factory.Out()) != oro::errOk) return out.str();
+    oro::RefPtr<oro::IObject> object;
+    if (factory->CreateInstance(m_locator.Get(), object.Out()) != oro::errOk) return out.str();
+    auto construct = oro::QueryInterface<firewall::IFirewallTaskConstruct>(object.Get());
+    auto task = oro::QueryInterface<oro::ITask>(object.Get());
+    settings::FirewallSettings settings;
+    settings.packetRules.push_back({.name = u"ssh", .action = settings::PacketRuleAction::Block, .doLogAttempts = true});
+    const std::size_t descriptors = OpenDescriptors();
+    out << "construct " << construct->Construct(&settings) << "\n";
+    out << "start " << task->Start(1, nullptr) << " listeners " << ThreadsNamed("vornNfLogPoll") << "\n";
+    out << "again " << std::hex << task->Start(1, nullptr) << std::dec << " listeners "
+        << ThreadsNamed("vornNfLogPoll") << "\n";
+    out << "stop " << task->Stop() << " listeners " << ThreadsNamed("vornNfLogPoll") << " descriptors "
+        << (OpenDescriptors() == descriptors ? "as before" : "left open") << "\n";
+    return out.str();
+  });
+  ASSERT_TRUE(run.completed) << run.output;
+  EXPECT_EQ(run.output,
+            "construct 0\n"
+            "start 0 listeners 1\n"
+            "again 8000006a listeners 1\n"
+            "stop 0 listeners 0 descriptors as before\n");
 }
 
 // The virtualisation mode's exclusions come from the data file shipped
