@@ -15,13 +15,7 @@ readonly SELF_DIR=$(dirname "$(realpath -e "$0")")
 # shellcheck source=tests/e2e/e2e_lib.sh
 source "$SELF_DIR/e2e_lib.sh"
 
-if [[ ${FWE2E_INNER:-} != 1 ]]; then
-  (( $# == 1 )) || die "usage: $0 FIREWALL_HOST"
-  run_all_backends "$0" "$1"
-  exit $?
-fi
-
-e2e_inner_setup "$@"
+e2e_suite "$0" "$@"
 
 # The agent listens on 15000/tcp and 15001/udp, and uses 13000/tcp both
 # ways; 15002 (TCP and UDP) and 8080 listen too but belong to nobody.
@@ -78,17 +72,7 @@ defaultIncomingAction = Block
 defaultIncomingPacketAction = Block
 openOstraPorts = $2
 
-[rule nd-solicitation]
-action = Allow
-direction = IncomingPacket
-protocol = ICMPv6
-icmpType = 135
-
-[rule nd-advertisement]
-action = Allow
-direction = IncomingPacket
-protocol = ICMPv6
-icmpType = 136
+$(neighbour_discovery_rules)
 
 [rule no-13000-out]
 action = Block

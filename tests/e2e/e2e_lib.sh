@@ -82,6 +82,36 @@ run_all_backends() {
   (( failed == 0 && passed > 0 ))
 }
 
+# Where every suite starts. From outside (SELF FIREWALL_HOST [ARGS...]): runs
+# SELF once per backend and exits with the outcome. Inside one backend's run:
+# sets that run up and returns.
+e2e_suite() { # SELF ARGS...
+  local self=$1; shift
+  if [[ ${FWE2E_INNER:-} != 1 ]]; then
+    run_all_backends "$self" "$@"
+    exit $?
+  fi
+  e2e_inner_setup "$@"
+}
+
+# The two ICMPv6 messages that IPv6 needs to work at all once unmatched
+# incoming packets are blocked, as settings-file rule sections.
+neighbour_discovery_rules() {
+  cat <<'RULES'
+[rule nd-solicitation]
+action = Allow
+direction = IncomingPacket
+protocol = ICMPv6
+icmpType = 135
+
+[rule nd-advertisement]
+action = Allow
+direction = IncomingPacket
+protocol = ICMPv6
+icmpType = 136
+RULES
+}
+
 # --- inner part: runs in a private mount namespace ------------------------------
 
 # Reads BACKEND HOST_BIN DIR from the arguments; the caller shifts past them.

@@ -20,11 +20,9 @@ source "$SELF_DIR/e2e_lib.sh"
 if [[ ${FWE2E_INNER:-} != 1 ]]; then
   (( $# == 2 )) || die "usage: $0 FIREWALL_HOST EXAMPLES_DIR"
   [[ -d $2 ]] || die "no examples directory at '$2'"
-  run_all_backends "$0" "$1" "$(realpath -e "$2")"
-  exit $?
+  set -- "$1" "$(realpath -e "$2")"
 fi
-
-e2e_inner_setup "$@"
+e2e_suite "$0" "$@"
 readonly EXAMPLES=$4
 
 start_listeners() {
@@ -154,17 +152,9 @@ direction = OutgoingPacket
 protocol = ICMPv6
 icmpType = 129
 
-[rule nd-solicitation]
-action = Allow
-direction = IncomingPacket
-protocol = ICMPv6
-icmpType = 135
-
-[rule nd-advertisement]
-action = Allow
-direction = IncomingPacket
-protocol = ICMPv6
-icmpType = 136
+EOF
+    neighbour_discovery_rules
+    cat <<'EOF'
 
 [rule no-telnet-out]
 action = Block

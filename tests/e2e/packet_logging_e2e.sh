@@ -15,13 +15,7 @@ readonly SELF_DIR=$(dirname "$(realpath -e "$0")")
 # shellcheck source=tests/e2e/e2e_lib.sh
 source "$SELF_DIR/e2e_lib.sh"
 
-if [[ ${FWE2E_INNER:-} != 1 ]]; then
-  (( $# == 1 )) || die "usage: $0 FIREWALL_HOST"
-  run_all_backends "$0" "$1"
-  exit $?
-fi
-
-e2e_inner_setup "$@"
+e2e_suite "$0" "$@"
 
 # Fixed source ports, so that a line's remote port can be checked exactly.
 readonly PEER_TCP_PORT=40312 PEER_UDP_PORT=40313 HOST_TCP_PORT=40314
@@ -54,17 +48,7 @@ defaultIncomingAction = Block
 defaultIncomingPacketAction = Block
 openOstraPorts = false
 
-[rule nd-solicitation]
-action = Allow
-direction = IncomingPacket
-protocol = ICMPv6
-icmpType = 135
-
-[rule nd-advertisement]
-action = Allow
-direction = IncomingPacket
-protocol = ICMPv6
-icmpType = 136
+$(neighbour_discovery_rules)
 $filler
 [rule $blocked_name]
 action = Block
