@@ -22,6 +22,11 @@ inline constexpr iid_t IRunnable = 0x7a2d44f0;
 inline constexpr iid_t IEventPublisher = 0x4f6b9e27;
 inline constexpr iid_t IStorage = 0x2e85c7d3;
 inline constexpr iid_t IServiceShutdown = 0x13f6b8e5;
+inline constexpr iid_t IStorageNode = 0x5b17d0e4;
+inline constexpr iid_t IStorageSerializer2 = 0x0e6a93f1;
+inline constexpr iid_t ITypeDescriptorRegistry = 0x6c2f85a9;
+inline constexpr iid_t IUevents = 0x27d9a4c3;
+inline constexpr iid_t IUeventsSubscription = 0x71b5e30a;
 
 // Firewall task
 inline constexpr iid_t IFirewallTaskConstruct = 0x5a22f946;
@@ -45,6 +50,12 @@ inline constexpr iid_t INflogListener = 0x2d86f1b4;
 inline constexpr iid_t INflogListenerFactory = 0x7e40a2c5;
 inline constexpr iid_t INflogCounters = 0x48b3d6e9;
 inline constexpr iid_t INfqueueQuery = 0x19f5c8a7;
+// Network interfaces and bridge filtering
+inline constexpr iid_t INetworkInterface = 0x3e92c5a1;
+inline constexpr iid_t INetworkInterfaceProvider = 0x4a07f6d2;
+inline constexpr iid_t INetworkInterfaceProviderEvents = 0x16c8b3e7;
+inline constexpr iid_t INetworkInterfaceProviderEventsSubscription = 0x59e1a4b8;
+inline constexpr iid_t IBridgeController = 0x0f5d7c26;
 // Host services of the virtualisation mode
 inline constexpr iid_t ILumraHostType = 0x6a3d18e9;
 inline constexpr iid_t ILumraPortsFile = 0x3f0c7b52;
