@@ -44,7 +44,8 @@ result_t InterfaceListReader::Read(InterfaceSnapshots& out) const {
   ifaddrs* raw = nullptr;
   if (getifaddrs(&raw) != 0) {
     const int error = errno;
-    QEL_TRACE_FAILED_CONDITION(m_tracer, "getifaddrs(&raw) == 0", std::string("Fail to getifaddrs: ") + std::strerror(error));
+    QEL_TRACE_FAILED_CONDITION(m_tracer, "getifaddrs(&raw) == 0",
+                               std::string("Fail to getifaddrs: ") + std::strerror(error));
     return oro::ResultFromErrno(error);
   }
   const IfaddrsList list(raw);

@@ -32,10 +32,12 @@ NetworkInterfaceProvider::NetworkInterfaceProvider(oro::RefPtr<oro::ITracer> tra
 
 NetworkInterfaceProvider::~NetworkInterfaceProvider() { StopMonitoring(); }
 
+// The sinks go outside the lock: releasing one may run its owner's code.
 void NetworkInterfaceProvider::FinalRelease() noexcept {
   StopMonitoring();
+  std::vector<Sink> sinks;
   std::lock_guard lock(m_mutex);
-  m_sinks.clear();
+  sinks.swap(m_sinks);
 }
 
 result_t NetworkInterfaceProvider::GetInterfaces(NetworkInterfaces& interfaces) noexcept {
@@ -45,7 +47,9 @@ result_t NetworkInterfaceProvider::GetInterfaces(NetworkInterfaces& interfaces) 
     if (ORO_FAILED(r)) return r;
     NetworkInterfaces fresh;
     fresh.reserve(current.size());
-    for (const auto& snapshot : current) fresh.push_back(oro::RefPtr<INetworkInterface>::Adopt(MakeItf(snapshot).Detach()));
+    for (const auto& snapshot : current) {
+      fresh.push_back(oro::RefPtr<INetworkInterface>::Adopt(MakeItf(snapshot).Detach()));
+    }
     interfaces = std::move(fresh);
     return oro::errOk;
   });

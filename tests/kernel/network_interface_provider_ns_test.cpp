@@ -72,7 +72,9 @@ std::string Describe(const firewall::InterfaceChanges& changes) {
 // what came instead when none does.
 InterfaceChange Await(RecordingInterfaceSink& sink, const std::string& what,
                       const std::function<bool(const InterfaceChange&)>& match) {
-  if (!sink.WaitFor(match, kGuard)) throw std::runtime_error("no notification of " + what + "; got:" + Describe(sink.Changes()));
+  if (!sink.WaitFor(match, kGuard)) {
+    throw std::runtime_error("no notification of " + what + "; got:" + Describe(sink.Changes()));
+  }
   for (const auto& change : sink.Changes()) {
     if (match(change)) return change;
   }
@@ -80,7 +82,9 @@ InterfaceChange Await(RecordingInterfaceSink& sink, const std::string& what,
 }
 
 bool Added(const InterfaceChange& c, const std::string& name) { return !c.before && c.after->name == name; }
-bool Deleted(const InterfaceChange& c, const std::string& name) { return c.before && !c.after && c.before->name == name; }
+bool Deleted(const InterfaceChange& c, const std::string& name) {
+  return c.before && !c.after && c.before->name == name;
+}
 bool Changed(const InterfaceChange& c) { return c.before && c.after; }
 
 TEST(NetworkInterfaceProviderNs, AVethAddedRenamedSetDownAndDeletedIsNotifiedStepByStep) {

@@ -186,6 +186,8 @@ TEST_F(NetworkInterfaceProviderTest, NoNotificationReachesASinkOnceUnsubscribeRe
   ASSERT_TRUE(staying->WaitForCount(2, kGuard));
   EXPECT_TRUE(gone->Changes().empty());
   EXPECT_TRUE(goneEarlier->Changes().empty());
+  // Its notification uses this test's locals.
+  EXPECT_EQ(provider->UnsubscribeAndWait(staying.Get()), oro::errOk);
 }
 
 TEST_F(NetworkInterfaceProviderTest, UnsubscribeAndWaitReturnsOnlyWhenTheSinksNotificationHasEnded) {
@@ -257,6 +259,31 @@ TEST_F(NetworkInterfaceProviderTest, TheLastReleaseStopsAndJoinsTheMonitoringThr
   std::this_thread::sleep_for(100ms);
   EXPECT_EQ(m_list.Readings(), readings);
   EXPECT_TRUE(sink->Changes().empty());
+}
+
+TEST_F(NetworkInterfaceProviderTest, NoNotificationStartsOnceTheReleaseHasBegun) {
+  auto provider = MakeProvider();
+  auto sink = Make<RecordingInterfaceSink>();
+  std::promise<void> entered;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::atomic<int> calls = 0;
+  sink->duringCall = [&] {
+    if (calls++ == 0) {
+      entered.set_value();
+      released.wait();
+    }
+  };
+  ASSERT_EQ(provider->Subscribe(sink.Get()), oro::errOk);
+  // Two differences in one pass: the release comes during the first.
+  m_list.Set({kLo, {2, false, "eth0"}});
+  ASSERT_EQ(entered.get_future().wait_for(kGuard), std::future_status::ready);
+  std::thread releaser([&] { provider.Reset(); });
+  const bool releasing = m_tracer->WaitFor("Waiting end of monitoring thread ...", 1, kGuard);
+  release.set_value();
+  releaser.join();
+  ASSERT_TRUE(releasing);
+  EXPECT_EQ(calls, 1);
 }
 
 }  // namespace
