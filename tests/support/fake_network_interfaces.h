@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "firewall/interface_snapshot.h"
@@ -97,6 +98,26 @@ class RecordingInterfaceSink final
   // sink is subscribed.
   std::function<void()> duringCall;
 
+  // Makes the first notification wait, after it is recorded, until LetGo.
+  void HoldFirstCall() {
+    duringCall = [this, first = true]() mutable {
+      if (!std::exchange(first, false)) return;
+      std::unique_lock lock(m_mutex);
+      m_held = true;
+      m_recorded.notify_all();
+      m_recorded.wait(lock, [&] { return m_letGo; });
+    };
+  }
+  bool WaitUntilHeld(std::chrono::milliseconds limit) {
+    std::unique_lock lock(m_mutex);
+    return m_recorded.wait_for(lock, limit, [&] { return m_held; });
+  }
+  void LetGo() {
+    std::lock_guard lock(m_mutex);
+    m_letGo = true;
+    m_recorded.notify_all();
+  }
+
  private:
   static firewall::InterfaceSnapshot Read(firewall::INetworkInterface* itf) {
     return {itf->GetIndex(), itf->IsEnabled(), itf->GetName()};
@@ -113,6 +134,8 @@ class RecordingInterfaceSink final
   std::mutex m_mutex;
   std::condition_variable m_recorded;
   firewall::InterfaceChanges m_changes;
+  bool m_held = false;
+  bool m_letGo = false;
 };
 
 }  // namespace qel::test

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <future>
 #include <thread>
 
 #include "support/fake_framework.h"
@@ -171,74 +170,56 @@ TEST_F(NetworkInterfaceProviderTest, AReadingThatFailsIsNotTakenForInterfacesGon
   EXPECT_TRUE(m_tracer->Contains(tracing::Error, "Cannot read the interface list"));
 }
 
+// Each call is checked against the subscriptions when it starts, not when
+// the pass began; a sink may unsubscribe itself from its notification.
 TEST_F(NetworkInterfaceProviderTest, NoNotificationReachesASinkOnceUnsubscribeReturns) {
   auto provider = MakeProvider();
+  auto first = Make<RecordingInterfaceSink>();
+  auto second = Make<RecordingInterfaceSink>();
   auto staying = Make<RecordingInterfaceSink>();
-  auto gone = Make<RecordingInterfaceSink>();
   auto goneEarlier = Make<RecordingInterfaceSink>();
-  // Unsubscribed in the middle of a pass, before its turn came.
-  staying->duringCall = [&] { provider->Unsubscribe(gone.Get()); };
-  ASSERT_EQ(provider->Subscribe(staying.Get()), oro::errOk);
-  ASSERT_EQ(provider->Subscribe(gone.Get()), oro::errOk);
-  ASSERT_EQ(provider->Subscribe(goneEarlier.Get()), oro::errOk);
+  std::atomic<oro::result_t> selfResult = oro::errUnexpected;
+  std::atomic<oro::result_t> otherResult = oro::errUnexpected;
+  first->duringCall = [&, once = true]() mutable {
+    if (!std::exchange(once, false)) return;
+    selfResult = provider->UnsubscribeAndWait(first.Get());
+    otherResult = provider->Unsubscribe(second.Get());
+  };
+  for (const auto& sink : {first, second, staying, goneEarlier}) ASSERT_EQ(provider->Subscribe(sink.Get()), oro::errOk);
   ASSERT_EQ(provider->Unsubscribe(goneEarlier.Get()), oro::errOk);
   m_list.Set({kLo});
   ASSERT_TRUE(staying->WaitForCount(2, kGuard));
-  EXPECT_TRUE(gone->Changes().empty());
+  EXPECT_EQ(selfResult, oro::errOk);
+  EXPECT_EQ(otherResult, oro::errOk);
+  EXPECT_EQ(first->Changes().size(), 1u);
+  EXPECT_TRUE(second->Changes().empty());
   EXPECT_TRUE(goneEarlier->Changes().empty());
-  // Its notification uses this test's locals.
-  EXPECT_EQ(provider->UnsubscribeAndWait(staying.Get()), oro::errOk);
 }
 
 TEST_F(NetworkInterfaceProviderTest, UnsubscribeAndWaitReturnsOnlyWhenTheSinksNotificationHasEnded) {
   auto provider = MakeProvider();
   auto sink = Make<RecordingInterfaceSink>();
   auto other = Make<RecordingInterfaceSink>();
-  std::promise<void> entered;
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  std::atomic<int> calls = 0;
-  sink->duringCall = [&] {
-    if (calls++ == 0) {
-      entered.set_value();
-      released.wait();
-    }
-  };
+  sink->HoldFirstCall();
   ASSERT_EQ(provider->Subscribe(sink.Get()), oro::errOk);
   ASSERT_EQ(provider->Subscribe(other.Get()), oro::errOk);
   m_list.Set({kLo, kEth0});
-  ASSERT_EQ(entered.get_future().wait_for(kGuard), std::future_status::ready);
+  ASSERT_TRUE(sink->WaitUntilHeld(kGuard));
 
   std::atomic<bool> returned = false;
   std::thread unsubscriber([&] {
     EXPECT_EQ(provider->UnsubscribeAndWait(sink.Get()), oro::errOk);
     returned = true;
   });
-  // Plenty of time to return, were it not waiting; the check cannot pass
+  // Plenty of time to return, were it not waiting; the check cannot fail
   // by being slow.
   std::this_thread::sleep_for(50ms);
   EXPECT_FALSE(returned);
-  release.set_value();
+  sink->LetGo();
   unsubscriber.join();
   EXPECT_TRUE(returned);
 
   // Nothing more for the sink; the other one hears on.
-  m_list.Set({kLo});
-  ASSERT_TRUE(other->WaitForCount(2, kGuard));
-  EXPECT_EQ(calls, 1);
-}
-
-TEST_F(NetworkInterfaceProviderTest, ASinkMayUnsubscribeAndWaitFromItsOwnNotification) {
-  auto provider = MakeProvider();
-  auto sink = Make<RecordingInterfaceSink>();
-  auto other = Make<RecordingInterfaceSink>();
-  std::atomic<oro::result_t> result = oro::errUnexpected;
-  sink->duringCall = [&] { result = provider->UnsubscribeAndWait(sink.Get()); };
-  ASSERT_EQ(provider->Subscribe(sink.Get()), oro::errOk);
-  ASSERT_EQ(provider->Subscribe(other.Get()), oro::errOk);
-  m_list.Set({kLo, kEth0});
-  ASSERT_TRUE(other->WaitForCount(1, kGuard));
-  EXPECT_EQ(result, oro::errOk);
   m_list.Set({kLo});
   ASSERT_TRUE(other->WaitForCount(2, kGuard));
   EXPECT_EQ(sink->Changes().size(), 1u);
@@ -264,26 +245,17 @@ TEST_F(NetworkInterfaceProviderTest, TheLastReleaseStopsAndJoinsTheMonitoringThr
 TEST_F(NetworkInterfaceProviderTest, NoNotificationStartsOnceTheReleaseHasBegun) {
   auto provider = MakeProvider();
   auto sink = Make<RecordingInterfaceSink>();
-  std::promise<void> entered;
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  std::atomic<int> calls = 0;
-  sink->duringCall = [&] {
-    if (calls++ == 0) {
-      entered.set_value();
-      released.wait();
-    }
-  };
+  sink->HoldFirstCall();
   ASSERT_EQ(provider->Subscribe(sink.Get()), oro::errOk);
   // Two differences in one pass: the release comes during the first.
   m_list.Set({kLo, {2, false, "eth0"}});
-  ASSERT_EQ(entered.get_future().wait_for(kGuard), std::future_status::ready);
+  ASSERT_TRUE(sink->WaitUntilHeld(kGuard));
   std::thread releaser([&] { provider.Reset(); });
   const bool releasing = m_tracer->WaitFor("Waiting end of monitoring thread ...", 1, kGuard);
-  release.set_value();
+  sink->LetGo();
   releaser.join();
   ASSERT_TRUE(releasing);
-  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(sink->Changes().size(), 1u);
 }
 
 }  // namespace
