@@ -24,8 +24,8 @@ NetworkInterfaceProvider::NetworkInterfaceProvider(oro::RefPtr<oro::ITracer> tra
       m_sysfsRoot(std::move(sysfsRoot)),
       m_checkPeriod(checkPeriod) {
   m_tracer.Write(Detail, "NetworkInterfaceProvider", "() ", "checkPeriod=", Seconds(m_checkPeriod));
-  // Without a first reading the first pass reports every interface as
-  // added, which is still true to the subscribers.
+  // Should this first reading fail, the first pass that succeeds reports
+  // every interface as added, which is still true for the subscribers.
   QEL_CHECKED_CALL(m_tracer, m_source(m_last), "Cannot read the interface list");
   m_thread = std::jthread([this] { Monitor(); });
 }
