@@ -9,6 +9,7 @@
 #include "module/class_factory.h"
 #include "module/module_firewall_service.h"
 #include "module/module_firewall_task.h"
+#include "module/module_network_interface_provider.h"
 
 namespace qel::module {
 namespace {
@@ -37,6 +38,8 @@ constexpr ClassEntry kDirectClasses[] = {
     {oro::clsid::NflogListenerFactory, &Create<firewall::NflogListenerFactory, firewall::INflogListenerFactory>},
     {oro::clsid::IptablesFirewall, &Create<firewall::IptablesFirewall, firewall::IFirewallStateQuery>},
     {oro::clsid::IptablesInfoProvider, &Create<firewall::IptablesInfoProvider, firewall::IIptablesInfoProvider>},
+    {oro::clsid::NetworkInterfaceProvider,
+     &Create<ModuleNetworkInterfaceProvider, firewall::INetworkInterfaceProvider>},
 };
 
 // The factory's handle is a pointer and a count; keep it that small.

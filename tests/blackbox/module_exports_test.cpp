@@ -10,6 +10,7 @@
 #include <string>
 
 #include "firewall/firewall_interfaces.h"
+#include "firewall/network_interface_interfaces.h"
 #include "firewall/packet_log_interfaces.h"
 #include "oro/module_exports.h"
 #include "oro/task.h"
@@ -188,6 +189,35 @@ TEST_F(ModuleExportsTest, NflogListenerFactoryMakesStoppedListeners) {
   EXPECT_EQ(counters->GetNflogCounts(counts), oro::errOk);
   EXPECT_TRUE(counts.groups.empty());
   EXPECT_EQ(counts.overruns, 0u);
+}
+
+// Created directly; it starts its monitoring thread at once, so it is made
+// in a namespace child, where the list is the child's: loopback alone.
+TEST_F(ModuleExportsTest, NetworkInterfaceProviderListsTheInterfaces) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: the provider is made in a network namespace of its own";
+  const ChildRun run = RunInNetworkNamespace([&] {
+    std::ostringstream out;
+    oro::RefPtr<oro::IObject> object;
+    out << "create " << m_module.createObject(oro::clsid::NetworkInterfaceProvider, m_locator.Get(), object.Out());
+    auto provider = oro::QueryInterface<firewall::INetworkInterfaceProvider>(object.Get());
+    auto subscription = oro::QueryInterface<firewall::INetworkInterfaceProviderEventsSubscription>(object.Get());
+    if (!provider || !subscription) return out.str() + " without its interfaces";
+    firewall::NetworkInterfaces interfaces;
+    out << " list " << provider->GetInterfaces(interfaces);
+    for (const auto& itf : interfaces) {
+      out << " " << itf->GetName() << (itf->IsEnabled() ? " up" : " down") << " physical "
+          << itf->IsPhysical();
+    }
+    object.Reset();
+    provider.Reset();
+    subscription.Reset();
+    interfaces.clear();
+    out << " unloadable " << m_module.canUnload();
+    out << (m_tracer->Contains("Monitoring thread going to stop") ? " stopped" : " running");
+    return out.str();
+  });
+  ASSERT_TRUE(run.completed) << run.output;
+  EXPECT_EQ(run.output, "create 0 list 0 lo down physical 1 unloadable 0 stopped");
 }
 
 TEST_F(ModuleExportsTest, UnknownClassIdsAreRefused) {
