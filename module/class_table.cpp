@@ -6,6 +6,7 @@
 #include "firewall/nflog_listener_factory.h"
 #include "firewall/nfqueue_query.h"
 #include "firewall/ostra_ports.h"
+#include "firewall/type_descriptor_static_registry.h"
 #include "module/class_factory.h"
 #include "module/module_firewall_service.h"
 #include "module/module_firewall_task.h"
@@ -16,6 +17,8 @@ namespace {
 
 using FirewallServiceFactory = ClassFactory<&Create<ModuleFirewallService, firewall::IPacketRules>>;
 using FirewallTaskFactory = ClassFactory<&Create<ModuleFirewallTask, oro::ITask>>;
+using TypeDescriptorRegistryFactory =
+    ClassFactory<&Create<firewall::TypeDescriptorStaticRegistry, oro::ITypeDescriptorRegistry>>;
 using OstraPortsFactory = ClassFactory<&Create<firewall::OstraPorts, firewall::IOstraPorts>>;
 using NfqueueQueryFactory = ClassFactory<&Create<firewall::NfqueueQuery, firewall::INfqueueQuery>>;
 
@@ -23,6 +26,7 @@ using NfqueueQueryFactory = ClassFactory<&Create<firewall::NfqueueQuery, firewal
 constexpr FactoryEntry kFactoryClasses[] = {
     {oro::clsid::FirewallService, &FirewallServiceFactory::Make},
     {oro::clsid::FirewallTask, &FirewallTaskFactory::Make},
+    {oro::clsid::TypeDescriptorStaticRegistry, &TypeDescriptorRegistryFactory::Make},
     {oro::clsid::OstraPorts, &OstraPortsFactory::Make},
     {oro::clsid::NfqueueQuery, &NfqueueQueryFactory::Make},
 };
