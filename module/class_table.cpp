@@ -7,6 +7,7 @@
 #include "firewall/nfqueue_query.h"
 #include "firewall/ostra_ports.h"
 #include "module/class_factory.h"
+#include "module/module_bridge_controller.h"
 #include "module/module_firewall_service.h"
 #include "module/module_firewall_task.h"
 
@@ -34,6 +35,7 @@ constexpr FactoryEntry kFactoryClasses[] = {
 constexpr ClassEntry kDirectClasses[] = {
     {oro::clsid::LumraModePortsExclude,
      &Create<firewall::LumraModePortsExclude, firewall::ILumraModePortsExclude>},
+    {oro::clsid::BridgeController, &Create<ModuleBridgeController, firewall::IBridgeController>},
     {oro::clsid::NflogListenerFactory, &Create<firewall::NflogListenerFactory, firewall::INflogListenerFactory>},
     {oro::clsid::IptablesFirewall, &Create<firewall::IptablesFirewall, firewall::IFirewallStateQuery>},
     {oro::clsid::IptablesInfoProvider, &Create<firewall::IptablesInfoProvider, firewall::IIptablesInfoProvider>},
