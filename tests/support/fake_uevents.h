@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -68,6 +69,35 @@ class FakeUeventSource final : public ObjectImpl<FakeUeventSource, firewall::IUe
   std::condition_variable m_idle;
   std::vector<firewall::IUevents*> m_sinks;
   std::vector<firewall::IUevents*> m_notifying;  // several threads may send at once
+};
+
+// Keeps every uevent it is given, as "action devpath".
+class RecordingUeventSink final : public ObjectImpl<RecordingUeventSink, firewall::IUevents> {
+ public:
+  oro::result_t OnUevent(const firewall::Uevent& uevent) noexcept override {
+    std::lock_guard lock(m_mutex);
+    m_seen.push_back(uevent.action + " " + uevent.devpath);
+    m_arrived.notify_all();
+    return oro::errOk;
+  }
+  // Waits until a uevent `action` arrived whose path ends with `pathEnd`.
+  bool WaitFor(const std::string& action, const std::string& pathEnd, std::chrono::milliseconds limit) {
+    std::unique_lock lock(m_mutex);
+    return m_arrived.wait_for(lock, limit, [&] {
+      return std::any_of(m_seen.begin(), m_seen.end(), [&](const std::string& seen) {
+        return seen.starts_with(action + " ") && seen.ends_with(pathEnd);
+      });
+    });
+  }
+  std::vector<std::string> Seen() {
+    std::lock_guard lock(m_mutex);
+    return m_seen;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_arrived;
+  std::vector<std::string> m_seen;
 };
 
 }  // namespace qel::test
