@@ -49,6 +49,13 @@ result_t WriteText(const std::filesystem::path& file, const std::string& text) {
   return static_cast<std::size_t>(written) == text.size() ? oro::errOk : oro::ResultFromErrno(EIO);
 }
 
+// Client ids are class ids, known in hexadecimal.
+std::string Hex(std::uint32_t value) {
+  std::ostringstream text;
+  text << "0x" << std::hex << value;
+  return text.str();
+}
+
 // The text with its line ends visible: "1\n" is traced as "1\\n".
 std::string Shown(const std::string& text) {
   std::string shown = "\"";
@@ -83,7 +90,7 @@ void BridgeController::FinalRelease() noexcept {
 
 result_t BridgeController::AddBridgeNfCallsClient(std::uint32_t clientId, bool nfCallsValue, bool force) noexcept {
   return tracing::Guarded(m_tracer, "AddBridgeNfCallsClient", [&] {
-    m_tracer.Write(Detail, "AddBridgeNfCallsClient", "() ", "clientId=", clientId, ", nfCallsValue=", nfCallsValue,
+    m_tracer.Write(Detail, "AddBridgeNfCallsClient", "() ", "clientId=", Hex(clientId), ", nfCallsValue=", nfCallsValue,
                    ", force=", force);
     std::lock_guard calls(m_clientCallsMutex);
     result_t applied;
@@ -93,7 +100,7 @@ result_t BridgeController::AddBridgeNfCallsClient(std::uint32_t clientId, bool n
                                    [&](const NfCallsRequest& request) { return request.clientId == clientId; });
       if (it != m_nfCallsHistory.end()) {
         QEL_TRACE_FAILED_CONDITION(m_tracer, "it == m_nfCallsHistory.end()",
-                                   "Bridge nf calls client " + std::to_string(clientId) + " already has a request");
+                                   "Bridge nf calls client " + Hex(clientId) + " already has a request");
         return oro::errAlreadyExists;
       }
       m_nfCallsHistory.push_back({clientId, nfCallsValue, force});
@@ -106,7 +113,7 @@ result_t BridgeController::AddBridgeNfCallsClient(std::uint32_t clientId, bool n
 
 result_t BridgeController::DeleteBridgeNfCallsClient(std::uint32_t clientId) noexcept {
   return tracing::Guarded(m_tracer, "DeleteBridgeNfCallsClient", [&] {
-    m_tracer.Write(Detail, "DeleteBridgeNfCallsClient", "() ", "clientId=", clientId);
+    m_tracer.Write(Detail, "DeleteBridgeNfCallsClient", "() ", "clientId=", Hex(clientId));
     std::lock_guard calls(m_clientCallsMutex);
     result_t applied;
     bool clientsLeft;
@@ -116,7 +123,7 @@ result_t BridgeController::DeleteBridgeNfCallsClient(std::uint32_t clientId) noe
                                    [&](const NfCallsRequest& request) { return request.clientId == clientId; });
       if (it == m_nfCallsHistory.end()) {
         QEL_TRACE_FAILED_CONDITION(m_tracer, "it != m_nfCallsHistory.end()",
-                                   "Bridge nf calls client " + std::to_string(clientId) + " has no request");
+                                   "Bridge nf calls client " + Hex(clientId) + " has no request");
         return oro::errNotFound;
       }
       m_nfCallsHistory.erase(it);
@@ -231,7 +238,7 @@ std::string BridgeController::HistoryText() const {
   text << '[';
   for (std::size_t i = 0; i < m_nfCallsHistory.size(); ++i) {
     const NfCallsRequest& request = m_nfCallsHistory[i];
-    text << (i ? ", " : "") << "{clientId=" << request.clientId << ", nfCallsValue=" << request.nfCallsValue
+    text << (i ? ", " : "") << "{clientId=" << Hex(request.clientId) << ", nfCallsValue=" << request.nfCallsValue
          << ", force=" << request.force << '}';
   }
   text << ']';

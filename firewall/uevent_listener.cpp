@@ -109,9 +109,13 @@ result_t UeventListener::Subscribe(IUevents* sink) noexcept {
     {
       std::lock_guard lock(m_sinksMutex);
       if (std::find(m_sinks.begin(), m_sinks.end(), sink) != m_sinks.end()) return oro::errAlreadyExists;
+      // From within a notification: the thread runs, and m_lifeMutex may be
+      // held by a release that is joining this very thread.
+      if (t_listenerOfThread == this) {
+        m_sinks.push_back(sink);
+        return oro::errOk;
+      }
     }
-    // Never taken by the thread: a sink subscribing from within its
-    // notification finds the thread started and waits for nobody.
     std::lock_guard life(m_lifeMutex);
     if (!m_stop) {
       const result_t r = QEL_CHECKED_CALL(m_tracer, StartListening(), "Cannot start listening to uevents");
