@@ -69,7 +69,7 @@ class BridgeControllerTest : public testing::Test {
 // The choice rule: the newest forced request wins, else the newest; the
 // texts come back, exactly, when the last client leaves.
 TEST_F(BridgeControllerTest, ValueInForceFollowsTheChoiceRuleAndTheSavedTextsComeBack) {
-  PutSwitches("0\n", "1\n");
+  PutSwitches("0\n", "1");  // whatever was there, byte for byte
   Create();
 
   ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientA, kOff, kForced), oro::errOk);
@@ -84,29 +84,15 @@ TEST_F(BridgeControllerTest, ValueInForceFollowsTheChoiceRuleAndTheSavedTextsCom
   EXPECT_EQ(Switches(), "1\n|1\n") << "with nothing forced, the newest request decides";
 
   ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientB), oro::errOk);
-  EXPECT_EQ(Switches(), "0\n|1\n") << "the texts from before the first write";
+  EXPECT_EQ(Switches(), "0\n|1") << "the texts from before the first write";
   EXPECT_TRUE(tracer->Contains("m_nfCallsHistory="));
-  EXPECT_TRUE(tracer->Contains("m_savedNfCallsIpv4=\"0\\n\", m_savedNfCallsIpv6=\"1\\n\""));
-}
+  EXPECT_TRUE(tracer->Contains("m_savedNfCallsIpv4=\"0\\n\", m_savedNfCallsIpv6=\"1\""));
 
-TEST_F(BridgeControllerTest, NewestUnforcedRequestWinsAndTextsAreSavedOnceAndFreshForTheNextRound) {
-  PutSwitches("1", "0 \n");  // whatever was there, byte for byte
-  Create();
-
-  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientA, kOn, kUnforced), oro::errOk);
-  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientB, kOff, kUnforced), oro::errOk);
-  EXPECT_EQ(Switches(), "0\n|0\n");
-  ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientB), oro::errOk);
-  EXPECT_EQ(Switches(), "1\n|1\n");
+  // Changed by someone else while idle: the next round saves them afresh.
+  PutSwitches("1\n", "0\n");
+  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientA, kOff, kUnforced), oro::errOk);
   ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientA), oro::errOk);
-  EXPECT_EQ(Switches(), "1|0 \n");
-
-  // Someone else changes them while the controller is idle: the next round
-  // saves what is there then.
-  PutSwitches("0\n", "0\n");
-  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientA, kOn, kUnforced), oro::errOk);
-  ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientA), oro::errOk);
-  EXPECT_EQ(Switches(), "0\n|0\n");
+  EXPECT_EQ(Switches(), "1\n|0\n");
 }
 
 TEST_F(BridgeControllerTest, DuplicateOrUnknownClientIsRefusedWithNothingChanged) {
@@ -168,31 +154,29 @@ TEST_F(BridgeControllerTest, SubscribedToUeventsExactlyWhileItHasClients) {
   ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientB), oro::errOk);
   EXPECT_FALSE(source->Subscribed(Sink()));
 
-  // A failed unsubscribe is traced; the next client subscribes again.
-  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientA, kOn, kUnforced), oro::errOk);
+  // A failed subscription is reported, the value applied all the same, and
+  // the next client subscribes again.
+  source->failSubscribe = true;
+  EXPECT_NE(controller->AddBridgeNfCallsClient(kClientA, kOn, kUnforced), oro::errOk);
+  EXPECT_EQ(Switches(), "1\n|1\n");
+  source->failSubscribe = false;
+  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientB, kOn, kUnforced), oro::errOk);
+  EXPECT_TRUE(source->Subscribed(Sink()));
+
+  // A failed unsubscribe is traced; the sink may still be there when the
+  // next client comes, which is as good as subscribed.
   source->failUnsubscribe = true;
   ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientA), oro::errOk);
+  ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientB), oro::errOk);
   EXPECT_TRUE(tracer->Contains(tracing::Error, "potentially services leak will be, cannot unsubscribe: 0x"));
   source->failUnsubscribe = false;
 
   // Released with a client still there: switches back, subscription ended.
   ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientB, kOff, kForced), oro::errOk);
-  EXPECT_TRUE(source->Subscribed(Sink()));
   IUevents* const released = Sink();
   controller.Reset();
   EXPECT_EQ(Switches(), "0\n|0\n");
   EXPECT_FALSE(source->Subscribed(released));
-}
-
-TEST_F(BridgeControllerTest, FailedSubscriptionIsReportedAndRetriedByTheNextClient) {
-  PutSwitches("0\n", "0\n");
-  Create();
-  source->failSubscribe = true;
-  EXPECT_NE(controller->AddBridgeNfCallsClient(kClientA, kOn, kUnforced), oro::errOk);
-  EXPECT_EQ(Switches(), "1\n|1\n") << "the value is applied all the same";
-  source->failSubscribe = false;
-  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientB, kOn, kUnforced), oro::errOk);
-  EXPECT_TRUE(source->Subscribed(Sink()));
 }
 
 // Clients come and go on several threads while module uevents arrive on
