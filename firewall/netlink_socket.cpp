@@ -36,9 +36,9 @@ oro::result_t NetlinkSocket::Create(int bus, NetlinkSocket& out) noexcept {
   return oro::errOk;
 }
 
-oro::result_t NetlinkSocket::Bind() noexcept {
+oro::result_t NetlinkSocket::Bind(std::uint32_t groups) noexcept {
   if (!m_socket) return oro::errInvalidState;
-  return mnl_socket_bind(m_socket.get(), 0, MNL_SOCKET_AUTOPID) < 0 ? LastError() : oro::errOk;
+  return mnl_socket_bind(m_socket.get(), groups, MNL_SOCKET_AUTOPID) < 0 ? LastError() : oro::errOk;
 }
 
 int NetlinkSocket::Fd() const noexcept { return m_socket ? mnl_socket_get_fd(m_socket.get()) : -1; }

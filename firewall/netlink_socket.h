@@ -27,8 +27,9 @@ class NetlinkSocket {
   // which must not inherit it.
   static oro::result_t Open(int bus, NetlinkSocket& out) noexcept;
   // The two steps of Open, for callers that tell their failures apart.
+  // `groups` is the bit mask of multicast groups to join (bit 0: group 1).
   static oro::result_t Create(int bus, NetlinkSocket& out) noexcept;
-  oro::result_t Bind() noexcept;
+  oro::result_t Bind(std::uint32_t groups = 0) noexcept;
 
   bool IsValid() const noexcept { return static_cast<bool>(m_socket); }
   int Fd() const noexcept;

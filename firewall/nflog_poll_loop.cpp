@@ -27,9 +27,9 @@ int TakeSocketError(int fd) {
 
 }  // namespace
 
-NflogPollLoop::NflogPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd,
-                             NflogSocketEvents& socket) noexcept
-    : m_tracer(tracer), m_netlinkFd(netlinkFd), m_stopFd(stopFd), m_socket(socket) {}
+NflogPollLoop::NflogPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd, NflogSocketEvents& socket,
+                             PollLoopTexts texts) noexcept
+    : m_tracer(tracer), m_netlinkFd(netlinkFd), m_stopFd(stopFd), m_socket(socket), m_texts(texts) {}
 
 oro::result_t NflogPollLoop::Run() noexcept {
   try {
@@ -72,11 +72,11 @@ NflogPollLoop::Step NflogPollLoop::Once() {
     if (::read(m_stopFd, &counter, sizeof counter) < 0) {
       // Nothing to drain (a spurious wake-up); the stop was still asked for.
     }
-    m_tracer.Write(Warning, "NFLOG listener thread stopped");
+    m_tracer.Write(Warning, m_texts.stopped);
     return Step::Stopped;
   }
   if ((netlinkEvents & POLLIN) != 0 && ORO_FAILED(m_socket.ReadPending())) {
-    m_tracer.Write(tracing::Error, "Cannot read from nflog netlink socket");
+    m_tracer.Write(tracing::Error, m_texts.readFailed);
   }
   return Step::Continue;
 }

@@ -1,7 +1,7 @@
-// The NFLOG listener's wait: poll the netlink socket and the stop event
-// until the stop event fires or a descriptor breaks. Kept apart from the
-// socket so that the decisions (what wins when both are ready, what ends the
-// loop) run against any descriptors.
+// A netlink listener's wait (the NFLOG listener's, the uevent listener's):
+// poll the netlink socket and the stop event until the stop event fires or a
+// descriptor breaks. Kept apart from the socket so that the decisions (what
+// wins when both are ready, what ends the loop) run against any descriptors.
 #pragma once
 
 #include "oro/result.h"
@@ -19,11 +19,18 @@ class NflogSocketEvents {
   virtual void OnOverrun() noexcept = 0;
 };
 
+// What the loop traces, naming the listener it runs for.
+struct PollLoopTexts {
+  const char* stopped = "NFLOG listener thread stopped";
+  const char* readFailed = "Cannot read from nflog netlink socket";
+};
+
 class NflogPollLoop {
  public:
   // `stopFd` is a DescriptorNotifier's: readable once notified, drained by
   // an 8-byte read.
-  NflogPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd, NflogSocketEvents& socket) noexcept;
+  NflogPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd, NflogSocketEvents& socket,
+                PollLoopTexts texts = {}) noexcept;
 
   // Returns errOk once stopped; errUnexpected when poll or a descriptor
   // fails. Pending socket data does not delay a stop: a stop that is ready
@@ -41,6 +48,7 @@ class NflogPollLoop {
   int m_netlinkFd;
   int m_stopFd;
   NflogSocketEvents& m_socket;
+  PollLoopTexts m_texts;
 };
 
 }  // namespace qel::firewall

@@ -8,6 +8,7 @@
 #include "firewall/ostra_ports.h"
 #include "firewall/type_descriptor_static_registry.h"
 #include "module/class_factory.h"
+#include "module/module_bridge_controller.h"
 #include "module/module_firewall_service.h"
 #include "module/module_firewall_task.h"
 #include "module/module_network_interface_provider.h"
@@ -39,6 +40,7 @@ constexpr FactoryEntry kFactoryClasses[] = {
 constexpr ClassEntry kDirectClasses[] = {
     {oro::clsid::LumraModePortsExclude,
      &Create<firewall::LumraModePortsExclude, firewall::ILumraModePortsExclude>},
+    {oro::clsid::BridgeController, &Create<ModuleBridgeController, firewall::IBridgeController>},
     {oro::clsid::NflogListenerFactory, &Create<firewall::NflogListenerFactory, firewall::INflogListenerFactory>},
     {oro::clsid::IptablesFirewall, &Create<firewall::IptablesFirewall, firewall::IFirewallStateQuery>},
     {oro::clsid::IptablesInfoProvider, &Create<firewall::IptablesInfoProvider, firewall::IIptablesInfoProvider>},

@@ -1,5 +1,6 @@
 // Loads libfirewall.so as the host does and uses nothing but its exports.
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "firewall/bridge_interfaces.h"
 #include "firewall/firewall_interfaces.h"
 #include "firewall/network_interface_interfaces.h"
 #include "firewall/packet_log_interfaces.h"
@@ -218,6 +220,40 @@ TEST_F(ModuleExportsTest, NetworkInterfaceProviderListsTheInterfaces) {
   });
   ASSERT_TRUE(run.completed) << run.output;
   EXPECT_EQ(run.output, "create 0 list 0 lo down physical 1 unloadable 0 stopped");
+}
+
+// Created directly, on the kernel's switch directory, with a uevent listener
+// of its own when the host offers none; run in a network namespace of the
+// test's own, whose bridge switches are its alone.
+TEST_F(ModuleExportsTest, BridgeControllerWritesTheSwitchesOfItsNamespace) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: it writes the bridge switches of a network namespace of its own";
+  const std::string ipt = "/proc/sys/net/bridge/bridge-nf-call-iptables";
+  const std::string ip6t = "/proc/sys/net/bridge/bridge-nf-call-ip6tables";
+  struct stat machine {};
+  ::stat(ipt.c_str(), &machine);  // looked at only
+  const auto run = RunInNetworkNamespace([&]() -> std::string {
+    struct stat own {};
+    if (::stat(ipt.c_str(), &own) != 0) return "skip: no bridge switches: br_netfilter is not loaded";
+    if (own.st_ino == machine.st_ino) return "skip: the bridge switches are not per network namespace here";
+    const auto text = [](const std::string& file) {
+      std::ifstream in(file);
+      return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    std::ofstream(ipt) << "0\n";
+    std::ofstream(ip6t) << "0\n";
+    oro::RefPtr<oro::IObject> object;
+    if (m_module.createObject(oro::clsid::BridgeController, m_locator.Get(), object.Out()) != oro::errOk) return "";
+    auto controller = oro::QueryInterface<firewall::IBridgeController>(object.Get());
+    if (!controller || !oro::QueryInterface<firewall::IUevents>(object.Get())) return "no interfaces";
+    std::string out = std::to_string(controller->AddBridgeNfCallsClient(7, true, false));
+    out += text(ipt) + text(ip6t);
+    out += m_tracer->Contains("Subscribe() sink=") ? "subscribed " : "not subscribed ";
+    out += std::to_string(controller->DeleteBridgeNfCallsClient(7));
+    return out + text(ipt) + text(ip6t);
+  });
+  ASSERT_TRUE(run.completed) << run.output;
+  if (run.output.starts_with("skip: ")) GTEST_SKIP() << run.output;
+  EXPECT_EQ(run.output, "01\n1\nsubscribed 00\n0\n");
 }
 
 TEST_F(ModuleExportsTest, UnknownClassIdsAreRefused) {
