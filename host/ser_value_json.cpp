@@ -65,7 +65,8 @@ class Reader {
     if (json.size() != 1) {
       return Fail(Where(path) + ": an object needs exactly one key of int, uint, fields");
     }
-    const auto& [tag, inner] = *json.items().begin();
+    const std::string& tag = json.begin().key();
+    const Json& inner = json.begin().value();
     if (tag == kInt) {
       if (inner.is_number_integer() && (!inner.is_number_unsigned() || inner.get<std::uint64_t>() <= INT64_MAX)) {
         out.value = inner.get<std::int64_t>();
