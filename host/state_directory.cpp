@@ -95,8 +95,10 @@ std::string StateDirectory::FileOf(const std::string& name) const { return m_pat
 
 Outcome<std::vector<std::string>> StateDirectory::ListRecords(std::vector<std::string>& removed) const {
   using Failed = Outcome<std::vector<std::string>>;
-  DIR* dir = ::fdopendir(::openat(m_fd.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  tools::UniqueFd listing(::openat(m_fd.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  DIR* dir = listing ? ::fdopendir(listing.Get()) : nullptr;
   if (!dir) return Failed::Error("cannot list the state directory " + m_path + ": " + ErrnoText(errno));
+  listing.Release();  // closedir closes it
   std::vector<std::string> names;
   while (const dirent* entry = ::readdir(dir)) {
     const std::string file = entry->d_name;
