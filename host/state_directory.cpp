@@ -41,13 +41,13 @@ std::string PrepareDirectory(const std::string& directory) {
   } else if (errno != EEXIST) {
     return "cannot create the state directory " + directory + ": " + ErrnoText(errno);
   }
-  struct stat st{};
+  struct stat st {};
   if (::stat(directory.c_str(), &st) != 0) return directory + ": " + ErrnoText(errno);
   if (!S_ISDIR(st.st_mode)) return "the state directory " + directory + " is not a directory";
   if (st.st_uid != ::geteuid() || (st.st_mode & 022) != 0) {
-    return "the state directory " + directory + " (mode " + Octal(st.st_mode) + ", owner " +
-           std::to_string(st.st_uid) + ") may be written by others; it must be owned by user " +
-           std::to_string(::geteuid()) + " and writable by it alone";
+    return "the state directory " + directory + " (mode " + Octal(st.st_mode) + ", owner " + std::to_string(st.st_uid) +
+           ") may be written by others; it must be owned by user " + std::to_string(::geteuid()) +
+           " and writable by it alone";
   }
   return "";
 }
@@ -85,7 +85,8 @@ Outcome<StateDirectory> StateDirectory::Open(const std::string& path) {
 std::string StateDirectory::NameProblem(const std::string& name) {
   if (name.empty()) return "a node name is empty";
   if (name.size() > kMaxNameBytes) return "the node name '" + name.substr(0, 40) + "...' is longer than 200 bytes";
-  if (name.find('\0') != std::string::npos) return "the node name '" + name.substr(0, name.find('\0')) + "...' holds a NUL";
+  if (name.find('\0') != std::string::npos)
+    return "the node name '" + name.substr(0, name.find('\0')) + "...' holds a NUL";
   if (name.find('/') != std::string::npos) return "the node name '" + name + "' holds a '/'";
   if (name.front() == '.') return "the node name '" + name + "' starts with '.'";
   return "";
@@ -103,7 +104,8 @@ Outcome<std::vector<std::string>> StateDirectory::ListRecords(std::vector<std::s
   while (const dirent* entry = ::readdir(dir)) {
     const std::string file = entry->d_name;
     if (file.front() == '.') {
-      if (file != "." && file != ".." && EndsWith(file, kTemporarySuffix) && ::unlinkat(m_fd.Get(), file.c_str(), 0) == 0) {
+      if (file != "." && file != ".." && EndsWith(file, kTemporarySuffix) &&
+          ::unlinkat(m_fd.Get(), file.c_str(), 0) == 0) {
         removed.push_back(m_path + "/" + file);
       }
       continue;
@@ -120,7 +122,7 @@ std::string StateDirectory::ReadRecord(const std::string& name, std::string& tex
   // A link could lead out of the directory: not followed.
   tools::UniqueFd fd(::openat(m_fd.Get(), (name + kRecordSuffix).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
   if (!fd) return ErrnoText(errno);
-  struct stat st{};
+  struct stat st {};
   if (::fstat(fd.Get(), &st) != 0) return ErrnoText(errno);
   if (!S_ISREG(st.st_mode)) return "not a regular file";
   text.clear();

@@ -126,7 +126,8 @@ oro::result_t StorageTree::Flush(const Place& place) {
 
 oro::result_t StorageTree::FlushRecord(const std::string& name) {
   const auto node = FindChild(*m_root, name);
-  const IoResult written = node ? m_directory.WriteRecord(name, RecordText(name, *node)) : m_directory.RemoveRecord(name);
+  const IoResult written =
+      node ? m_directory.WriteRecord(name, RecordText(name, *node)) : m_directory.RemoveRecord(name);
   if (!written) {
     m_report << "firewall-host: storage: cannot save " << written.text << std::endl;
     return oro::ResultFromErrno(written.error);
