@@ -75,8 +75,9 @@ std::int64_t NumberOf(const Node& root) {
   return static_cast<std::int64_t>(*n);
 }
 
-// The killed writer: flushes record after record, each time through a node
-// below the record, and tells `done` the number of each flush that returned.
+// The killed writer: once it has read the directory it says so on `done`
+// (with 0), then flushes record after record, each time through a node below
+// the record, and tells `done` the number of each flush that returned.
 [[noreturn]] void WriteUntilKilled(const std::string& directory, int done) {
   std::ostringstream report;
   auto storage = FileStorage::Open(directory, report);
@@ -85,6 +86,8 @@ std::int64_t NumberOf(const Node& root) {
   storage.Value()->GetRootNode(root.Out());
   const std::int64_t last = NumberOf(root);
   if (last < 0) _exit(4);
+  const std::uint64_t ready = 0;
+  if (::write(done, &ready, sizeof ready) != sizeof ready) _exit(6);
   for (std::uint64_t n = static_cast<std::uint64_t>(last) + 1;; ++n) {
     Node growing = Child(root, kGrowing, true);
     growing->Clear();
@@ -117,7 +120,7 @@ TEST(StorageCrash, AKilledWriterNeverLeavesARecordThatCannotBeRead) {
   const unsigned seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
-  std::uniform_int_distribution<int> delayUs(0, 40000);
+  std::uniform_int_distribution<int> delayUs(0, 20000);
   std::uint64_t known = 0;
   for (int kill = 0; kill < kKills; ++kill) {
     int pipeFds[2];
@@ -129,10 +132,15 @@ TEST(StorageCrash, AKilledWriterNeverLeavesARecordThatCannotBeRead) {
       WriteUntilKilled(dir.Path().string(), pipeFds[1]);
     }
     ::close(pipeFds[1]);
-    std::this_thread::sleep_for(std::chrono::microseconds(delayUs(random)));
+    // The kill is timed from the writer's first flush on, however long its
+    // start takes (a sanitizer's build starts slowly).
+    std::uint64_t ready = 1;
+    const bool started = ::read(pipeFds[0], &ready, sizeof ready) == sizeof ready && ready == 0;
+    if (started) std::this_thread::sleep_for(std::chrono::microseconds(delayUs(random)));
     ::kill(writer, SIGKILL);
     int status = 0;
     ASSERT_EQ(::waitpid(writer, &status, 0), writer);
+    ASSERT_TRUE(started) << "the writer did not start at kill " << kill;
     ASSERT_TRUE(WIFSIGNALED(status)) << "the writer gave up with status " << WEXITSTATUS(status) << " at kill "
                                      << kill;
     ::fcntl(pipeFds[0], F_SETFL, O_NONBLOCK);
