@@ -67,8 +67,12 @@ StorageTree::StorageTree(StateDirectory directory, std::ostream& report)
 StorageTree::Place StorageTree::Root() const { return Place{m_root, ""}; }
 
 oro::result_t StorageTree::Child(const Place& parent, const std::string& name, bool append, Place& out) {
-  if (!StateDirectory::NameProblem(name).empty()) return oro::errInvalidArgument;
+  const std::string problem = StateDirectory::NameProblem(name);
   std::lock_guard lock(m_mutex);
+  if (!problem.empty()) {
+    m_report << "firewall-host: storage: " << problem << "; refused" << std::endl;
+    return oro::errInvalidArgument;
+  }
   auto child = FindChild(*parent.node, name);
   if (!child) {
     if (!append) return oro::errNotFound;

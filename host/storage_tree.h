@@ -43,7 +43,7 @@ class StorageTree {
 
   Place Root() const;
   // errNotFound when there is no such child and `append` is false;
-  // errInvalidArgument for a name that no file could carry.
+  // errInvalidArgument, reported, for a name that no file could carry.
   oro::result_t Child(const Place& parent, const std::string& name, bool append, Place& out);
   oro::result_t ChildNames(const Place& place, std::vector<std::string>& out);
   oro::result_t Clear(const Place& place);

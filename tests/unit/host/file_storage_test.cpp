@@ -237,6 +237,8 @@ TEST_F(FileStorageTest, NamesThatCouldEscapeTheDirectoryAreRefused) {
   Node sessions = Append(root, kSessions);
   oro::IStorageNode* untouched = nullptr;
   EXPECT_EQ(sessions->GetOrAppendNode("../../escape", &untouched), oro::errInvalidArgument);
+  EXPECT_NE(m_report.str().find("the node name '../../escape' holds a '/'; refused"), std::string::npos)
+      << m_report.str();
   ASSERT_EQ(root->Flush(), oro::errOk);
   EXPECT_EQ(Files(), std::vector<std::string>{std::string(kSessions) + ".json"});
   EXPECT_EQ(Children(root), std::vector<std::string>{kSessions});
