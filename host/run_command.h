@@ -28,8 +28,9 @@ struct RunOptions {
 // and the rules in force stay); SIGUSR1 runs the due poll at once. Requests
 // on the control socket are answered while the task runs. The module's
 // persistent storage is kept under the state directory; a file there that
-// cannot be read is reported and moved aside, and the firewall still starts. Events go to
-// `events` as one JSON object per line. Returns the exit code.
+// cannot be read is reported and moved aside, and the firewall still
+// starts. Events go to `events` as one JSON object per line. Returns the
+// exit code.
 int RunFirewall(const RunOptions& options, std::ostream& events, std::ostream& err);
 
 }  // namespace qel::host
