@@ -19,10 +19,12 @@ constexpr const char* kUsage =
     "      print the rules the module would install, without touching the kernel\n"
     "  firewall-host run SETTINGS.ini [--trace-level N] [--trace-file FILE]\n"
     "                    [--timer-speedup X] [--module PATH] [--control PATH]\n"
+    "                    [--state-dir DIR]\n"
     "      load the module and enforce the settings until SIGINT or SIGTERM;\n"
     "      SIGHUP re-reads the settings, SIGUSR1 runs the integrity poll now;\n"
     "      events are printed as JSON lines; requests are answered on the\n"
-    "      control socket (default /run/firewall-host/control.sock)\n"
+    "      control socket (default /run/firewall-host/control.sock); the module's\n"
+    "      state is kept under DIR (default /var/lib/firewall-host)\n"
     "  firewall-host ctl [--control PATH] 'JSON'\n"
     "      send one request to a running host and print its reply; exits 0\n"
     "      when it was done, 1 when refused, 2 when the host cannot be reached\n"
@@ -88,6 +90,8 @@ int Run(const std::vector<std::string>& args) {
       options.modulePath = args[++i];
     } else if (arg == "--control" && hasValue) {
       options.controlPath = args[++i];
+    } else if (arg == "--state-dir" && hasValue) {
+      options.stateDir = args[++i];
     } else if (!path && arg.rfind("--", 0) != 0) {
       path = arg;
     } else {

@@ -12,12 +12,14 @@
 #include "host/control_handler.h"
 #include "host/control_server.h"
 #include "host/control_socket.h"
+#include "host/file_storage.h"
 #include "host/host_services.h"
 #include "host/json_event_publisher.h"
 #include "host/loaded_module.h"
 #include "host/lumra_host_type.h"
 #include "host/rule_names.h"
 #include "host/settings_ini.h"
+#include "host/storage_serializer.h"
 #include "oro/task.h"
 
 namespace qel::host {
@@ -59,7 +61,8 @@ oro::RefPtr<I> Require(const oro::RefPtr<oro::IObject>& object, const char* name
 // One run of the module, from loading to the last release.
 class Session {
  public:
-  Session(const RunOptions& options, std::ostream& events, std::ostream& err)
+  Session(const RunOptions& options, const oro::RefPtr<FileStorage>& storage, std::ostream& events,
+          std::ostream& err)
       : m_options(options),
         m_err(err),
         m_traceFile(options.traceFile ? std::fopen(options.traceFile->c_str(), "ae") : stderr),
@@ -72,6 +75,8 @@ class Session {
     m_locator->Register(static_cast<oro::ITimer*>(m_timer.Get()));
     m_locator->Register(static_cast<oro::IEventPublisher*>(m_publisher.Get()));
     RegisterNew(new HostFeatureRegistry);
+    m_locator->Register(storage.Get());
+    RegisterNew(new StorageSerializer(err));
   }
 
   ~Session() { Shutdown(); }
@@ -262,8 +267,14 @@ int RunFirewall(const RunOptions& options, std::ostream& events, std::ostream& e
     err << "firewall-host: control socket: " << socket.ErrorText() << std::endl;
     return 2;
   }
+  // Before the module too: it may read what it stored at its start.
+  auto storage = FileStorage::Open(options.stateDir, err);
+  if (!storage) {
+    err << "firewall-host: " << storage.ErrorText() << std::endl;
+    return 2;
+  }
   try {
-    Session session(options, events, err);
+    Session session(options, storage.Value(), events, err);
     if (!session.Start(loaded)) return 1;
     session.Serve(std::move(socket).Value());
     for (;;) {

@@ -258,7 +258,7 @@ permission_checks() {
 
 second_host_refused() { # SETTINGS
   local rc=0
-  ip netns exec "$NS_HOST" timeout 10 "$HOST_BIN" run "$1" --control "$CONTROL" >/dev/null 2>"$DIR/second.err" || rc=$?
+  ip netns exec "$NS_HOST" timeout 10 "$HOST_BIN" run "$1" --control "$CONTROL" --state-dir "$STATE_DIR" >/dev/null 2>"$DIR/second.err" || rc=$?
   grep -qF "$CONTROL: another host is already listening there" "$DIR/second.err" && (( rc == 2 )) && return 0
   note "exit $rc: $(cat "$DIR/second.err")"
   return 1

@@ -122,6 +122,8 @@ e2e_inner_setup() {
   readonly H4=10.77.0.1 P4=10.77.0.2 H6=fd77::1 P6=fd77::2
   # In the suite's own directory: the machine's /run stays untouched.
   readonly CONTROL=$DIR/control/control.sock
+  # Likewise the machine's /var/lib.
+  readonly STATE_DIR=$DIR/state
   # shellcheck source=scripts/netns-pair.sh
   source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/netns-pair.sh"
   HOST_PID=
@@ -301,7 +303,7 @@ start_host() {
   : >"$ERRS"
   # `ip netns exec` replaces itself with the command, so $! is the host.
   ip netns exec "$NS_HOST" "$HOST_BIN" run "$settings" --trace-level 800 --trace-file "$TRACE" \
-    --control "$CONTROL" "$@" >"$EVENTS" 2>"$ERRS" &
+    --control "$CONTROL" --state-dir "$STATE_DIR" "$@" >"$EVENTS" 2>"$ERRS" &
   HOST_PID=$!
   local i
   for ((i = 0; i < 100; i++)); do
