@@ -265,16 +265,7 @@ second_host_refused() { # SETTINGS
 }
 
 main() {
-  if ! setup_network; then
-    touch "$DIR/finished"
-    return
-  fi
-  start_listeners
-  if ! precheck_network; then
-    note "the namespaces do not talk to each other; the other checks would mean nothing"
-    touch "$DIR/finished"
-    return
-  fi
+  network_ready || return 0
 
   local settings=$DIR/agent.ini
   write_settings "$settings" true

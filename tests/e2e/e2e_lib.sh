@@ -94,6 +94,22 @@ e2e_suite() { # SELF ARGS...
   e2e_inner_setup "$@"
 }
 
+# Builds the namespaces and starts the suite's listeners (its
+# start_listeners); false, with the suite marked finished, when the network
+# does not work, since every other check would then mean nothing.
+network_ready() {
+  if ! setup_network; then
+    touch "$DIR/finished"
+    return 1
+  fi
+  start_listeners
+  if ! precheck_network; then
+    note "the namespaces do not talk to each other; the other checks would mean nothing"
+    touch "$DIR/finished"
+    return 1
+  fi
+}
+
 # The two ICMPv6 messages that IPv6 needs to work at all once unmatched
 # incoming packets are blocked, as settings-file rule sections.
 neighbour_discovery_rules() {
