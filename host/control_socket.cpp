@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "host/private_directory.h"
+
 namespace qel::host {
 namespace {
 
@@ -16,35 +18,10 @@ constexpr int kBacklog = 16;
 
 std::string ErrnoText(int error) { return std::strerror(error); }
 
-std::string Octal(mode_t mode) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
-  return text;
-}
-
 std::string DirectoryOf(const std::string& path) {
   const auto slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-// Empty when the directory is fit to hold the socket, else why not.
-std::string PrepareDirectory(const std::string& directory) {
-  if (::mkdir(directory.c_str(), 0700) == 0) {
-    // mkdir's mode passes through the umask; say it once more.
-    if (::chmod(directory.c_str(), 0700) != 0) return directory + ": " + ErrnoText(errno);
-  } else if (errno != EEXIST) {
-    return "cannot create " + directory + ": " + ErrnoText(errno);
-  }
-  struct stat st{};
-  if (::stat(directory.c_str(), &st) != 0) return directory + ": " + ErrnoText(errno);
-  if (!S_ISDIR(st.st_mode)) return directory + " is not a directory";
-  if (st.st_uid != ::geteuid() || (st.st_mode & 077) != 0) {
-    return "the directory " + directory + " (mode " + Octal(st.st_mode) + ", owner " + std::to_string(st.st_uid) +
-           ") lets others in; the control socket needs one of mode 0700 owned by user " +
-           std::to_string(::geteuid());
-  }
-  return "";
 }
 
 sockaddr_un AddressOf(const std::string& path) {
@@ -79,7 +56,11 @@ Outcome<ControlSocket> ControlSocket::Open(const std::string& path) {
     return Failed::Error("control socket path '" + path + "': empty or longer than " +
                          std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes");
   }
-  if (auto problem = PrepareDirectory(DirectoryOf(path)); !problem.empty()) return Failed::Error(problem);
+  const std::string requirement =
+      "lets others in; the control socket needs one of mode 0700 owned by user " + std::to_string(::geteuid());
+  if (auto problem = PreparePrivateDirectory(DirectoryOf(path), "the directory", 077, requirement); !problem.empty()) {
+    return Failed::Error(problem);
+  }
   if (auto problem = RemoveStaleSocket(path); !problem.empty()) return Failed::Error(problem);
 
   tools::UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));

@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "host/private_directory.h"
+
 namespace qel::host {
 namespace {
 
@@ -20,37 +22,11 @@ constexpr int kMaxAsideCopies = 1000;
 
 std::string ErrnoText(int error) { return std::strerror(error); }
 
-std::string Octal(mode_t mode) {
-  char text[8];
-  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
-  return text;
-}
-
 bool EndsWith(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 std::string TemporaryOf(const std::string& name) { return "." + name + kRecordSuffix + kTemporarySuffix; }
-
-// Empty when `directory` exists (created if missing) and is ours alone to
-// write, else why not.
-std::string PrepareDirectory(const std::string& directory) {
-  if (::mkdir(directory.c_str(), 0700) == 0) {
-    // mkdir's mode passes through the umask; say it once more.
-    if (::chmod(directory.c_str(), 0700) != 0) return directory + ": " + ErrnoText(errno);
-  } else if (errno != EEXIST) {
-    return "cannot create the state directory " + directory + ": " + ErrnoText(errno);
-  }
-  struct stat st {};
-  if (::stat(directory.c_str(), &st) != 0) return directory + ": " + ErrnoText(errno);
-  if (!S_ISDIR(st.st_mode)) return "the state directory " + directory + " is not a directory";
-  if (st.st_uid != ::geteuid() || (st.st_mode & 022) != 0) {
-    return "the state directory " + directory + " (mode " + Octal(st.st_mode) + ", owner " + std::to_string(st.st_uid) +
-           ") may be written by others; it must be owned by user " + std::to_string(::geteuid()) +
-           " and writable by it alone";
-  }
-  return "";
-}
 
 IoResult WriteAll(int fd, const std::string& text) {
   std::size_t done = 0;
@@ -70,7 +46,11 @@ IoResult WriteAll(int fd, const std::string& text) {
 Outcome<StateDirectory> StateDirectory::Open(const std::string& path) {
   using Failed = Outcome<StateDirectory>;
   if (path.empty()) return Failed::Error("the state directory's path is empty");
-  if (auto problem = PrepareDirectory(path); !problem.empty()) return Failed::Error(problem);
+  const std::string requirement = "may be written by others; it must be owned by user " +
+                                  std::to_string(::geteuid()) + " and writable by it alone";
+  if (auto problem = PreparePrivateDirectory(path, "the state directory", 022, requirement); !problem.empty()) {
+    return Failed::Error(problem);
+  }
   tools::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd) return Failed::Error("cannot open the state directory " + path + ": " + ErrnoText(errno));
   StateDirectory directory(path, std::move(fd));
