@@ -1,4 +1,4 @@
-#include "firewall/nflog_poll_loop.h"
+#include "firewall/netlink_poll_loop.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -27,11 +27,11 @@ int TakeSocketError(int fd) {
 
 }  // namespace
 
-NflogPollLoop::NflogPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd, NflogSocketEvents& socket,
+NetlinkPollLoop::NetlinkPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd, NetlinkSocketEvents& socket,
                              PollLoopTexts texts) noexcept
     : m_tracer(tracer), m_netlinkFd(netlinkFd), m_stopFd(stopFd), m_socket(socket), m_texts(texts) {}
 
-oro::result_t NflogPollLoop::Run() noexcept {
+oro::result_t NetlinkPollLoop::Run() noexcept {
   try {
     for (;;) {
       switch (Once()) {
@@ -49,7 +49,7 @@ oro::result_t NflogPollLoop::Run() noexcept {
   }
 }
 
-NflogPollLoop::Step NflogPollLoop::Once() {
+NetlinkPollLoop::Step NetlinkPollLoop::Once() {
   pollfd entries[2] = {{m_netlinkFd, POLLIN, 0}, {m_stopFd, POLLIN, 0}};
   int eventCount;
   do {
@@ -84,7 +84,7 @@ NflogPollLoop::Step NflogPollLoop::Once() {
 // A netlink socket whose receive buffer overflowed reports POLLERR with
 // ENOBUFS pending until it is read: the kernel has dropped messages, and the
 // socket works on. Anything else means the socket is gone.
-NflogPollLoop::Step NflogPollLoop::OnSocketError(short events) {
+NetlinkPollLoop::Step NetlinkPollLoop::OnSocketError(short events) {
   if ((events & (POLLHUP | POLLNVAL)) == 0) {
     const int error = TakeSocketError(m_netlinkFd);
     if (error == ENOBUFS) {

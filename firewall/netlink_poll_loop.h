@@ -10,9 +10,9 @@
 namespace qel::firewall {
 
 // What the loop does with the socket when it is ready.
-class NflogSocketEvents {
+class NetlinkSocketEvents {
  public:
-  virtual ~NflogSocketEvents() = default;
+  virtual ~NetlinkSocketEvents() = default;
   // Reads what is pending; a failure is traced and the loop goes on.
   virtual oro::result_t ReadPending() noexcept = 0;
   // The socket's receive buffer overflowed and the kernel dropped messages.
@@ -25,11 +25,11 @@ struct PollLoopTexts {
   const char* readFailed = "Cannot read from nflog netlink socket";
 };
 
-class NflogPollLoop {
+class NetlinkPollLoop {
  public:
   // `stopFd` is a DescriptorNotifier's: readable once notified, drained by
   // an 8-byte read.
-  NflogPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd, NflogSocketEvents& socket,
+  NetlinkPollLoop(const tracing::Tracer& tracer, int netlinkFd, int stopFd, NetlinkSocketEvents& socket,
                 PollLoopTexts texts = {}) noexcept;
 
   // Returns errOk once stopped; errUnexpected when poll or a descriptor
@@ -47,7 +47,7 @@ class NflogPollLoop {
   const tracing::Tracer& m_tracer;
   int m_netlinkFd;
   int m_stopFd;
-  NflogSocketEvents& m_socket;
+  NetlinkSocketEvents& m_socket;
   PollLoopTexts m_texts;
 };
 

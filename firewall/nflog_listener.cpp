@@ -13,7 +13,7 @@
 #include <string>
 #include <system_error>
 
-#include "firewall/nflog_poll_loop.h"
+#include "firewall/netlink_poll_loop.h"
 #include "firewall/nflog_socket_reader.h"
 #include "qel_tracing/guard.h"
 
@@ -210,7 +210,7 @@ result_t NflogListener::StopRunning() {
 
 void NflogListener::Run() noexcept {
   NflogSocketReader reader(m_tracer, m_socket, *m_handler);
-  NflogPollLoop(m_tracer, m_socket.Fd(), m_stop->Fd(), reader).Run();
+  NetlinkPollLoop(m_tracer, m_socket.Fd(), m_stop->Fd(), reader).Run();
   try {
     m_handler->FlushLossTrace();
   } catch (...) {

@@ -6,13 +6,13 @@
 
 #include "firewall/netlink_socket.h"
 #include "firewall/nflog_message_handler.h"
-#include "firewall/nflog_poll_loop.h"
+#include "firewall/netlink_poll_loop.h"
 #include "qel_common/mnl_parser.h"
 #include "qel_tracing/tracer.h"
 
 namespace qel::firewall {
 
-class NflogSocketReader final : public NflogSocketEvents {
+class NflogSocketReader final : public NetlinkSocketEvents {
  public:
   // The kernel never sends a datagram larger than a page's worth of
   // messages to a reader that has not asked for more.

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "firewall/nflog_poll_loop.h"
+#include "firewall/netlink_poll_loop.h"
 #include "firewall/uevent_message.h"
 #include "qel_tracing/guard.h"
 
@@ -40,7 +40,7 @@ constexpr PollLoopTexts kLoopTexts{"Uevent listener thread stopped", "Cannot rea
 thread_local const UeventListener* t_listenerOfThread = nullptr;
 
 // Reads one datagram whenever the loop finds the socket readable.
-class UeventSocketReader final : public NflogSocketEvents {
+class UeventSocketReader final : public NetlinkSocketEvents {
  public:
   UeventSocketReader(const tracing::Tracer& tracer, NetlinkSocket& socket,
                      std::function<void(const Uevent&)> deliver)
@@ -203,7 +203,7 @@ void UeventListener::Run() noexcept {
   t_listenerOfThread = this;
   try {
     UeventSocketReader reader(m_tracer, m_socket, [this](const Uevent& uevent) { Deliver(uevent); });
-    NflogPollLoop(m_tracer, m_socket.Fd(), m_stop->Fd(), reader, kLoopTexts).Run();
+    NetlinkPollLoop(m_tracer, m_socket.Fd(), m_stop->Fd(), reader, kLoopTexts).Run();
   } catch (...) {
     // Only the reader's buffer allocates; without it nothing can be heard.
   }

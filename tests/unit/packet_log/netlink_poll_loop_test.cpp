@@ -1,6 +1,6 @@
 // The listener's wait against real descriptors: a socket pair stands in for
 // the netlink socket, a notifier is the stop event.
-#include "firewall/nflog_poll_loop.h"
+#include "firewall/netlink_poll_loop.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -17,7 +17,7 @@ namespace {
 using namespace firewall;
 
 // Reads one datagram per call and then does what the test asks.
-class ScriptedSocket final : public NflogSocketEvents {
+class ScriptedSocket final : public NetlinkSocketEvents {
  public:
   explicit ScriptedSocket(int fd) : m_fd(fd) {}
 
@@ -36,7 +36,7 @@ class ScriptedSocket final : public NflogSocketEvents {
   int m_fd;
 };
 
-class NflogPollLoopTest : public testing::Test {
+class NetlinkPollLoopTest : public testing::Test {
  protected:
   void SetUp() override {
     int fds[2];
@@ -47,7 +47,7 @@ class NflogPollLoopTest : public testing::Test {
   }
 
   void SendPacket() { ASSERT_EQ(::send(kernel.Get(), "p", 1, 0), 1); }
-  oro::result_t Run(int netlinkFd) { return NflogPollLoop(traced, netlinkFd, stop.Fd(), socket).Run(); }
+  oro::result_t Run(int netlinkFd) { return NetlinkPollLoop(traced, netlinkFd, stop.Fd(), socket).Run(); }
   oro::result_t Run() { return Run(listening.Get()); }
 
   oro::RefPtr<FakeTracer> tracer = oro::RefPtr<FakeTracer>::Adopt(new FakeTracer);
@@ -57,7 +57,7 @@ class NflogPollLoopTest : public testing::Test {
   ScriptedSocket socket{-1};
 };
 
-TEST_F(NflogPollLoopTest, AStopArrivingWithDataEndsTheLoopWithoutReading) {
+TEST_F(NetlinkPollLoopTest, AStopArrivingWithDataEndsTheLoopWithoutReading) {
   socket = ScriptedSocket(listening.Get());
   SendPacket();
   ASSERT_EQ(stop.Notify(), oro::errOk);
@@ -70,7 +70,7 @@ TEST_F(NflogPollLoopTest, AStopArrivingWithDataEndsTheLoopWithoutReading) {
 }
 
 // A failed read is traced and the loop reads on, until the stop comes.
-TEST_F(NflogPollLoopTest, DataIsReadThroughFailedReadsUntilTheStopComes) {
+TEST_F(NetlinkPollLoopTest, DataIsReadThroughFailedReadsUntilTheStopComes) {
   socket = ScriptedSocket(listening.Get());
   SendPacket();
   SendPacket();
@@ -83,7 +83,7 @@ TEST_F(NflogPollLoopTest, DataIsReadThroughFailedReadsUntilTheStopComes) {
 
 // The socket is checked before the stop: a hung-up peer (POLLHUP) or a
 // descriptor that is not open (POLLNVAL) ends the loop as a failure.
-TEST_F(NflogPollLoopTest, ABrokenSocketEndsTheLoopEvenWhenAStopIsPending) {
+TEST_F(NetlinkPollLoopTest, ABrokenSocketEndsTheLoopEvenWhenAStopIsPending) {
   socket = ScriptedSocket(listening.Get());
   ASSERT_EQ(stop.Notify(), oro::errOk);
   kernel.Reset();
