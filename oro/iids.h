@@ -27,6 +27,13 @@ inline constexpr iid_t IStorageSerializer2 = 0x0e6a93f1;
 inline constexpr iid_t ITypeDescriptorRegistry = 0x6c2f85a9;
 inline constexpr iid_t IUevents = 0x27d9a4c3;
 inline constexpr iid_t IUeventsSubscription = 0x71b5e30a;
+inline constexpr iid_t IDnsResolver = 0x3c7e15b9;
+inline constexpr iid_t IQelTaskManager = 0x52a8d0f3;
+inline constexpr iid_t ITaskCompletionEvent = 0x6b41c2e8;
+inline constexpr iid_t IProductSettings = 0x1d93e7a4;
+inline constexpr iid_t IPolicyManager = 0x7f2a5b16;
+inline constexpr iid_t IVyxSettings = 0x28c6f4d0;
+inline constexpr iid_t IVyxStatusEvent = 0x45e0a93c;
 
 // Firewall task
 inline constexpr iid_t IFirewallTaskConstruct = 0x5a22f946;
@@ -56,6 +63,18 @@ inline constexpr iid_t INetworkInterfaceProvider = 0x4a07f6d2;
 inline constexpr iid_t INetworkInterfaceProviderEvents = 0x16c8b3e7;
 inline constexpr iid_t INetworkInterfaceProviderEventsSubscription = 0x59e1a4b8;
 inline constexpr iid_t IBridgeController = 0x0f5d7c26;
+// Network isolation
+inline constexpr iid_t INetworkIsolationManager3 = 0x0c59e2b7;
+inline constexpr iid_t INetworkIsolationManagerOverallStatusProvider = 0x3a1d8f65;
+inline constexpr iid_t INetworkIsolationHolder = 0x67b0c3d2;
+inline constexpr iid_t INetworkIsolationManagerEvents = 0x1e7f4a90;
+inline constexpr iid_t INetworkIsolationManagerEventsSubscription = 0x5d2c96e1;
+inline constexpr iid_t INetworkIsolationReport = 0x74a3e05b;
+inline constexpr iid_t INetworkIsolationBackend = 0x2f68b1c4;
+inline constexpr iid_t INetworkIsolationBackendFactory = 0x4c95d7a2;
+inline constexpr iid_t INetworkIsolationSettings = 0x0a4e7c39;
+inline constexpr iid_t INetworkIsolationFacade = 0x61f3a8e5;
+inline constexpr iid_t INetworkIsolationStateProvider = 0x38b7e21f;
 // Host services of the virtualisation mode
 inline constexpr iid_t ILumraHostType = 0x6a3d18e9;
 inline constexpr iid_t ILumraPortsFile = 0x3f0c7b52;
