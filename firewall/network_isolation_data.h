@@ -72,8 +72,12 @@ using system_interceptors::network_isolation_manager::NetworkExclusionRule3;
 using system_interceptors::network_isolation_manager::NetworkExclusionRules;
 
 // Inbound or outbound; the values belong to the isolation interface's users
-// and are carried through as numbers.
+// and are carried through as numbers. The two this module writes itself (the
+// built-in endpoints it collects) are named; a backend treats any other value
+// as both directions.
 enum class Direction : std::uint32_t {};
+inline constexpr Direction kDirectionInbound{1};
+inline constexpr Direction kDirectionOutbound{2};
 
 // One port opening of a built-in endpoint.
 struct EndpointPort {
