@@ -706,10 +706,7 @@ result_t NetworkIsolationManager::RecoverFromStorage() {
   ManagerData saved;
   result_t r = m_storage->LoadManager(saved);
   if (ORO_FAILED(r)) return r;
-  if (r == oro::errFalse) {
-    m_tracer.Write(Warning, "There's no saved network isolation data");
-    return oro::errOk;
-  }
+  if (r == oro::errFalse) return oro::errOk;  // nothing saved, as the storage traced
   std::vector<SavedSession> sessions;
   r = m_storage->LoadSessions(sessions);
   if (ORO_FAILED(r)) {
