@@ -130,14 +130,12 @@ result_t NetworkIsolationBackendIptables::DoDeleteSession(std::uint32_t clientId
 
 result_t NetworkIsolationBackendIptables::DoUpdateBuiltInSession(const BuiltinRules& builtIn) {
   m_tracer.Write(Detail, "UpdateBuiltInSession", "() ", "sessions=", m_sessions.size());
-  BuiltinRules previous = std::exchange(m_builtinData, builtIn);
+  // Kept even when the firewall refuses it: it is the newest knowledge of
+  // the servers, and the next isolation starts from it.
+  m_builtinData = builtIn;
   if (m_sessions.empty()) return oro::errOk;
-  result_t r = m_builtinExcludes.Update(BuiltinFwRules());
-  if (ORO_SUCCEEDED(r)) r = QEL_CHECKED_CALL(m_tracer, m_lazyFw->Submit(), "failed to udptable rules on the firewall");
-  // Refused: the firewall keeps the earlier record's rules, and so does the
-  // record kept here.
-  if (ORO_FAILED(r)) m_builtinData = std::move(previous);
-  return r;
+  if (const result_t r = m_builtinExcludes.Update(BuiltinFwRules()); ORO_FAILED(r)) return r;
+  return QEL_CHECKED_CALL(m_tracer, m_lazyFw->Submit(), "failed to udptable rules on the firewall");
 }
 
 result_t NetworkIsolationBackendIptables::StartIsolation() {
