@@ -169,17 +169,20 @@ DhcpPorts DhcpPortsOf(IPAddressFamily::Type family) {
   return {"68", "67"};
 }
 
-// An isolated host must keep its addresses and its neighbours, or not even
-// the exceptions could be reached: neighbour discovery passes both ways, and
-// the DHCP client's side of its exchange with the servers (whose answers
-// may go to a broadcast address, which connection tracking cannot tie to
-// the request). Written as the tools print them back.
-void AddHostUpkeep(ChainRuleList& rules, IPAddressFamily::Type family, Side side) {
-  if (family == IPAddressFamily::IPv6) {
-    for (const auto type : kNeighbourDiscoveryTypes) {
-      rules.Add(Plain({"-p", "ipv6-icmp", "-m", "icmp6", "--icmpv6-type", std::string(type)}, {"ACCEPT"}));
-    }
+// Written as the tools print them back. Neighbour discovery never leaves
+// its link (its packets carry the hop limit 255, which no router passes
+// on), so it gives no way out of an isolated network.
+void AddNeighbourDiscovery(ChainRuleList& rules, IPAddressFamily::Type family) {
+  if (family != IPAddressFamily::IPv6) return;
+  for (const auto type : kNeighbourDiscoveryTypes) {
+    rules.Add(Plain({"-p", "ipv6-icmp", "-m", "icmp6", "--icmpv6-type", std::string(type)}, {"ACCEPT"}));
   }
+}
+
+// The DHCP client's side of its exchange with the servers, whose answers
+// may go to a broadcast address, which connection tracking cannot tie to
+// the request.
+void AddDhcpClient(ChainRuleList& rules, IPAddressFamily::Type family, Side side) {
   const auto [client, server] = DhcpPortsOf(family);
   const bool outgoing = side == Side::Outgoing;
   rules.Add(Plain({"-p", "udp", "-m", "udp", "--sport", std::string(outgoing ? client : server), "--dport",
@@ -189,12 +192,15 @@ void AddHostUpkeep(ChainRuleList& rules, IPAddressFamily::Type family, Side side
 
 // Isolation cuts the host off on both sides and in both families as soon
 // as any isolation rule is given, whatever side and family its exceptions
-// name: loopback and the host's upkeep stay, the exceptions and their
-// replies pass, everything else is dropped.
+// name: the exceptions and their replies pass, everything else is dropped.
+// Loopback, neighbour discovery and DHCP pass too: an isolated host must
+// keep its addresses and its neighbours, or not even the exceptions could
+// be reached.
 ChainRuleList IsolationChain(const DynamicContext& context, Side side) {
   ChainRuleList rules;
   rules.AddUnchecked(Plain({side == Side::Incoming ? "-i" : "-o", "lo"}, {"ACCEPT"}));
-  AddHostUpkeep(rules, context.family, side);
+  AddNeighbourDiscovery(rules, context.family);
+  AddDhcpClient(rules, context.family, side);
   AddDynamicRules(rules, context, Placement::Isolation, side);
   rules.AddUnchecked(Plain({}, {"DROP"}));
   return rules;
@@ -203,10 +209,12 @@ ChainRuleList IsolationChain(const DynamicContext& context, Side side) {
 // Traffic the host forwards, routed or bridged (bridged traffic reaches
 // the forward hook while bridge filtering is on), is cut as well: only the
 // connections an exception names pass, either way, with their replies.
-// The host's own upkeep has no place here: the neighbours behind it are
-// not the host.
+// Neighbour discovery reaches this hook only when bridged; without it the
+// neighbours behind a bridge could not find those an exception names over
+// IPv6, and it carries nothing else. DHCP is the host's own and stays out.
 ChainRuleList ForwardIsolationChain(const DynamicContext& context) {
   ChainRuleList rules;
+  AddNeighbourDiscovery(rules, context.family);
   AddDynamicRules(rules, context, Placement::Isolation, Side::Incoming);
   AddDynamicRules(rules, context, Placement::Isolation, Side::Outgoing);
   rules.AddUnchecked(Plain({}, {"DROP"}));

@@ -138,16 +138,24 @@ TEST(ChainLayoutDeduplication, EqualRulesStandOnceWhileAnyClientHoldsOne) {
   EXPECT_EQ(withCompiled.size(), heldBy("a").size() + 1);
 }
 
-// What an isolated host keeps in `chain` before the exceptions: loopback,
-// in IPv6 neighbour discovery, and the DHCP client's exchange.
-Lines Upkeep(types::IPAddressFamily::Type family, const std::string& chain) {
-  const bool in = chain == "vorn_pre_isolation";
-  Lines lines{"filter " + chain + (in ? ": -i lo -j ACCEPT" : ": -o lo -j ACCEPT")};
+// IPv6 neighbour discovery in `chain`; none in IPv4.
+Lines NeighbourDiscovery(types::IPAddressFamily::Type family, const std::string& chain) {
+  Lines lines;
   if (family == kV6) {
     for (const char* type : {"133", "134", "135", "136", "137"}) {
       lines.push_back("filter " + chain + ": -p ipv6-icmp -m icmp6 --icmpv6-type " + type + " -j ACCEPT");
     }
   }
+  return lines;
+}
+
+// What an isolated host keeps in `chain` before the exceptions: loopback,
+// in IPv6 neighbour discovery, and the DHCP client's exchange.
+Lines Upkeep(types::IPAddressFamily::Type family, const std::string& chain) {
+  const bool in = chain == "vorn_pre_isolation";
+  Lines lines{"filter " + chain + (in ? ": -i lo -j ACCEPT" : ": -o lo -j ACCEPT")};
+  const Lines nd = NeighbourDiscovery(family, chain);
+  lines.insert(lines.end(), nd.begin(), nd.end());
   const std::string client = family == kV6 ? "546" : "68", server = family == kV6 ? "547" : "67";
   lines.push_back("filter " + chain + ": -p udp -m udp --sport " + (in ? server : client) + " --dport " +
                   (in ? client : server) + " -j ACCEPT");
@@ -165,7 +173,8 @@ const Lines kIsolationJumps = {"filter INPUT: -j vorn_input", "filter vorn_input
 
 // Isolation cuts the host off on both sides and forwarded traffic through
 // it: each exception and its replies pass, on the host and through it;
-// the host keeps its addresses and neighbours, those behind it do not.
+// the host keeps its addresses and neighbours, and those behind a bridge
+// can still find the ones an exception names.
 TEST(ChainLayoutIsolation, ExceptionsPassOnTheHostAndThroughItAndTheHostKeepsItsUpkeep) {
   const RuleDescription outgoing{.side = Side::Outgoing, .protocol = 17, .remotePorts = PortRange{53, 53},
                                  .action = IsolationAction{0}};
@@ -174,7 +183,8 @@ TEST(ChainLayoutIsolation, ExceptionsPassOnTheHostAndThroughItAndTheHostKeepsIts
   for (const auto family : {kV4, kV6}) {
     EXPECT_EQ(Layout(family, dynamic),
               Concat({kIsolationJumps,
-                      {"filter FORWARD: -j vorn_forward", "filter vorn_forward: " + kIn + " -j ACCEPT tag t",
+                      {"filter FORWARD: -j vorn_forward"}, NeighbourDiscovery(family, "vorn_forward"),
+                      {"filter vorn_forward: " + kIn + " -j ACCEPT tag t",
                        "filter vorn_forward: " + dnsReplies + " -j ACCEPT tag u",
                        "filter vorn_forward: " + kOut + kReplies + " -j ACCEPT tag t",
                        "filter vorn_forward: " + dnsOut + " -j ACCEPT tag u", "filter vorn_forward: -j DROP"},
@@ -196,7 +206,8 @@ TEST(ChainLayoutIsolation, AnyIsolationRuleIsolatesBothFamiliesAndSides) {
   RuleDescription exception = Web(IsolationAction{0});
   exception.remote = tools::IpNetwork{tools::ParseIpAddress("10.0.0.0"), 8};
   EXPECT_EQ(Layout(kV6, {{exception, "ni_0x1"}}),
-            Concat({kIsolationJumps, {"filter FORWARD: -j vorn_forward", "filter vorn_forward: -j DROP"},
+            Concat({kIsolationJumps, {"filter FORWARD: -j vorn_forward"}, NeighbourDiscovery(kV6, "vorn_forward"),
+                    {"filter vorn_forward: -j DROP"},
                     Upkeep(kV6, "vorn_pre_isolation"), {"filter vorn_pre_isolation: -j DROP"},
                     Upkeep(kV6, "vorn_post_isolation"), {"filter vorn_post_isolation: -j DROP"}}));
   // ICMP has no IPv6 rule, and so no IPv6 chain.
