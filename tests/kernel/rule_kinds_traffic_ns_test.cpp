@@ -307,6 +307,9 @@ std::string ForwardedWhileIsolated(ServiceRig& rig, const PeerNamespace& peer, c
   text += ", " + Result(rig.service->AddRules(otherPort, "ni_0x1"));
   text += " isolated " + forwarded();
   text += ", " + Result(rig.service->AddRules(named, "ni_0x2"));
+  // Neighbour discovery, bridged or routed, happens while isolated.
+  ForgetNeighbours(peer);
+  third.Within([] { RunToolOk({"ip", "-6", "neigh", "flush", "all"}); });
   text += " named " + forwarded();
   text += ", " + Result(rig.service->RemoveRules(otherPort));
   text += " " + Result(rig.service->RemoveRules(named));
