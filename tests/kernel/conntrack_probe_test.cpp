@@ -32,12 +32,5 @@ TEST(ConntrackProbeTest, AnswerAndTracesAgree) {
   EXPECT_EQ(Probe(true), "0 flag traced refused");
 }
 
-TEST(ConntrackFlagTest, KeepsWhatWasSet) {
-  const bool before = IsSuitableConntrack();
-  SetSuitableConntrack(!before);
-  EXPECT_EQ(IsSuitableConntrack(), !before);
-  SetSuitableConntrack(before);
-}
-
 }  // namespace
 }  // namespace qel::firewall

@@ -68,7 +68,6 @@ class FakeNflogListener final
   oro::result_t Start(const firewall::NflogGroupList& groups) noexcept override {
     calls.push_back("Start(" + std::to_string(groups.size()) + ")");
     if (started) return oro::errInvalidState;
-    if (failStart) return failStart;
     started = true;
     this->groups = groups;
     return oro::errOk;
@@ -90,7 +89,6 @@ class FakeNflogListener final
   firewall::NflogGroupList groups;
   firewall::NflogCounts counts;
   bool started = false;
-  oro::result_t failStart = oro::errOk;
 
  private:
   oro::RefPtr<firewall::INflogDataCallback> m_callback;

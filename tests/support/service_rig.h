@@ -44,17 +44,6 @@ class ServiceRig {
   // The last reference goes: the service removes every rule it installed.
   void Release() { service.Reset(); }
 
-  // Trace lines written from here on are "since" the mark.
-  std::size_t Mark() { return tracer->Lines().size(); }
-  // The first trace line since the mark holding `text`, or "".
-  std::string LineSince(std::size_t mark, const std::string& text) {
-    const auto lines = tracer->Lines();
-    for (std::size_t i = mark; i < lines.size(); ++i) {
-      if (lines[i].second.find(text) != std::string::npos) return lines[i].second;
-    }
-    return "";
-  }
-
   const oro::RefPtr<FakeTracer> tracer = Make<FakeTracer>();
   const oro::RefPtr<FakePublisher> publisher = Make<FakePublisher>();
   const oro::RefPtr<FakeLocator> locator = Make<FakeLocator>();

@@ -161,20 +161,6 @@ TEST_F(FirewallTaskTest, LiveSettingsChangeRestartsTheLoggerOnTheNewGroups) {
   }
 }
 
-TEST_F(FirewallTaskTest, PauseIsNotSupportedAndInterfacesAnswerByIid) {
-  EXPECT_EQ(m_task->Pause(), oro::errNotImplemented);
-  EXPECT_EQ(m_task->Resume(), oro::errNotImplemented);
-  void* p = reinterpret_cast<void*>(1);
-  EXPECT_EQ(m_task->QueryInterface(0x12345678, &p), oro::errNoInterface);
-  EXPECT_EQ(p, nullptr);
-  auto construct = oro::QueryInterface<firewall::IFirewallTaskConstruct>(static_cast<oro::ITask*>(m_task.Get()));
-  auto settings = oro::QueryInterface<firewall::IFirewallTaskSettings>(construct.Get());
-  auto primary = oro::QueryInterface<oro::IObject>(settings.Get());
-  auto task = oro::QueryInterface<oro::ITask>(settings.Get());
-  ASSERT_TRUE(construct && settings && task);
-  EXPECT_EQ(static_cast<void*>(primary.Get()), static_cast<void*>(task.Get()));
-}
-
 TEST(FirewallTaskCreation, FailsWhenACollaboratorIsMissing) {
   auto tracer = Make<FakeTracer>();
   auto locator = Make<FakeLocator>();

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <iterator>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -26,27 +25,6 @@ TEST(Tokens, CompareByTheirWordsHoweverBuilt) {
   EXPECT_NE(split, (Tokens{"-p", "udp", "--dport", "22"}));
   // The same letters cut into other words.
   EXPECT_NE((Tokens{"-p", "tcp"}), (Tokens{"-pt", "cp"}));
-}
-
-TEST(Tokens, ConcatPutsTheSecondListAfterTheFirst) {
-  const Tokens match{"-p", "tcp"};
-  EXPECT_EQ(Concat(match, Tokens{"-j", "ACCEPT"}), (Tokens{"-p", "tcp", "-j", "ACCEPT"}));
-  EXPECT_EQ(Concat(Tokens{}, match), match);
-  EXPECT_EQ(Concat(match, Tokens{}), match);
-}
-
-// A copy is one reference more to the same words, yet another list: an
-// iterator belongs to the list it walks.
-TEST(Tokens, CopiesShareTheirWordsAndIteratorsBelongToTheirList) {
-  const Tokens words = SplitTokens("-j ACCEPT");
-  const Tokens copy = words;
-  EXPECT_EQ(copy.back().data(), words.back().data());
-
-  const Tokens builtApart{"-j", "ACCEPT"};
-  EXPECT_EQ(builtApart, words);
-  EXPECT_NE(builtApart.begin(), words.begin());
-  EXPECT_NE(copy.begin(), words.begin());
-  EXPECT_EQ(std::next(words.begin(), 2), words.end());
 }
 
 }  // namespace
