@@ -14,6 +14,8 @@
 namespace qel::firewall {
 namespace {
 
+using tracing::Hex;
+
 using oro::result_t;
 using tracing::Detail;
 using tracing::Warning;
@@ -47,13 +49,6 @@ result_t WriteText(const std::filesystem::path& file, const std::string& text) {
   } while (written < 0 && errno == EINTR);
   if (written < 0) return oro::ResultFromErrno(errno);
   return static_cast<std::size_t>(written) == text.size() ? oro::errOk : oro::ResultFromErrno(EIO);
-}
-
-// Client ids are class ids, known in hexadecimal.
-std::string Hex(std::uint32_t value) {
-  std::ostringstream text;
-  text << "0x" << std::hex << value;
-  return text.str();
 }
 
 // The text with its line ends visible: "1\n" is traced as "1\\n".

@@ -47,7 +47,7 @@ std::string IdsText(const std::vector<std::uint32_t>& ids) {
   return text.str();
 }
 
-oro::RefPtr<oro::ITracer> TracerOf(oro::IServiceLocator* locator) {
+oro::RefPtr<oro::ITracer> LocatedTracer(oro::IServiceLocator* locator) {
   result_t ignored;
   return TryGetInterface<oro::ITracer>(locator, ignored);
 }
@@ -81,7 +81,7 @@ class NetworkIsolationFacade::StopTaskCompletion final : public ObjectImpl<StopT
 
 NetworkIsolationFacade::NetworkIsolationFacade(oro::IServiceLocator* locator, std::chrono::milliseconds stopTimeout)
     : m_locator(oro::RefPtr<oro::IServiceLocator>::Share(locator)),
-      m_tracer(TracerOf(locator)),
+      m_tracer(LocatedTracer(locator)),
       m_stopTimeout(stopTimeout) {}
 
 const char* NetworkIsolationFacade::StopTaskName(std::uint32_t clientKind) noexcept {

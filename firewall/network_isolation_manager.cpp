@@ -15,6 +15,8 @@
 namespace qel::firewall {
 namespace {
 
+using tracing::Hex;
+
 using namespace network_isolation_data;
 using oro::result_t;
 using tracing::Detail;
@@ -24,12 +26,6 @@ using tracing::Warning;
 
 constexpr std::uint8_t kTcp = 6;
 constexpr std::uint8_t kUdp = 17;
-
-std::string Hex(std::uint32_t value) {
-  std::ostringstream text;
-  text << "0x" << std::hex << value;
-  return text.str();
-}
 
 std::optional<std::uint16_t> ParsePort(std::string_view text) {
   unsigned value = 0;

@@ -14,6 +14,8 @@
 namespace qel::firewall {
 namespace {
 
+using tracing::Hex;
+
 using types::IPAddressFamily;
 
 constexpr std::array<const char*, kActionKindCount> kKindWords = {
@@ -22,13 +24,6 @@ constexpr std::array<const char*, kActionKindCount> kKindWords = {
 };
 
 [[noreturn]] void ThrowUnexpectedIndex() { throw oro::Exception(oro::errUnexpected, "Unexpected index"); }
-
-// "0x" and lowercase digits without leading zeros, as iptables prints marks.
-std::string Hex(std::uint32_t value) {
-  char digits[8];
-  const auto end = std::to_chars(std::begin(digits), std::end(digits), value, 16).ptr;
-  return "0x" + std::string(digits, end);
-}
 
 std::string Decimal(std::uint32_t value) { return std::to_string(value); }
 

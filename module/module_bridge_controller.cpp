@@ -8,18 +8,13 @@ namespace {
 
 constexpr const char* kSavedTextsNodeName = "qel.firewall.BridgeController";
 
-oro::RefPtr<oro::ITracer> TracerOf(oro::IServiceLocator* locator) {
-  oro::result_t ignored;
-  return TryGetInterface<oro::ITracer>(locator, ignored);
-}
-
 // A host that already listens to uevents shares its source, so the process
 // keeps one socket for them; otherwise the module listens itself.
 oro::RefPtr<firewall::IUeventsSubscription> UeventSource(oro::IServiceLocator* locator) {
   oro::result_t lookup;
   if (auto shared = TryGetInterface<firewall::IUeventsSubscription>(locator, lookup)) return shared;
   oro::RefPtr<firewall::UeventListener> own;
-  CreateInstance(own, TracerOf(locator));
+  CreateInstance(own, LocatedTracer(locator));
   return oro::RefPtr<firewall::IUeventsSubscription>::Adopt(own.Detach());
 }
 
@@ -37,6 +32,6 @@ oro::RefPtr<oro::IStorageNode> SavedTextsNode(oro::IServiceLocator* locator) {
 }  // namespace
 
 ModuleBridgeController::ModuleBridgeController(oro::IServiceLocator* locator)
-    : BridgeController(TracerOf(locator), kSwitchDirectory, UeventSource(locator), SavedTextsNode(locator)) {}
+    : BridgeController(LocatedTracer(locator), kSwitchDirectory, UeventSource(locator), SavedTextsNode(locator)) {}
 
 }  // namespace qel::module

@@ -28,6 +28,12 @@ oro::RefPtr<I> GetInterface(oro::IServiceLocator* locator) {
   return p;
 }
 
+// The host's tracer; a component without one traces nothing.
+inline oro::RefPtr<oro::ITracer> LocatedTracer(oro::IServiceLocator* locator) noexcept {
+  oro::result_t ignored;
+  return TryGetInterface<oro::ITracer>(locator, ignored);
+}
+
 // Looks up I into `out`; when the locator has none, traces "Cannot get "
 // `name` " interface" at error level and returns the locator's code.
 template <class I>

@@ -10,6 +10,12 @@ std::string FormatResult(oro::result_t result) {
   return std::string(code) + " (" + oro::ResultText(result) + ")";
 }
 
+std::string Hex(std::uint32_t value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%x", value);
+  return text;
+}
+
 std::string FormatFailedCall(std::string_view unit, int line, std::string_view expression, oro::result_t result,
                              std::string_view message) {
   std::ostringstream text;

@@ -42,6 +42,9 @@ class Tracer {
 // "0x8000004b (Unexpected error)"
 std::string FormatResult(oro::result_t result);
 
+// "0x1f": ids and class ids as they are known, lower case, unpadded.
+std::string Hex(std::uint32_t value);
+
 // "<unit>(<line>): (<expression>),(ORO_SUCCEEDED(_result)) failed: result = <code> (<text>). <message>"
 std::string FormatFailedCall(std::string_view unit, int line, std::string_view expression, oro::result_t result,
                              std::string_view message);
