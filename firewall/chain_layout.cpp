@@ -155,14 +155,68 @@ ChainRuleList Placed(const DynamicContext& context, Placement where, Side side) 
   return rules;
 }
 
+// IPv6 neighbour discovery: router solicitation and advertisement,
+// neighbour solicitation and advertisement, redirect.
+constexpr std::array<std::string_view, 5> kNeighbourDiscoveryTypes = {"133", "134", "135", "136", "137"};
+
+struct DhcpPorts {
+  std::string_view client;
+  std::string_view server;
+};
+
+DhcpPorts DhcpPortsOf(IPAddressFamily::Type family) {
+  if (family == IPAddressFamily::IPv6) return {"546", "547"};
+  return {"68", "67"};
+}
+
+// Written as the tools print them back. Neighbour discovery never leaves
+// its link (its packets carry the hop limit 255, which no router passes
+// on), so it gives no way out of an isolated network.
+void AddNeighbourDiscovery(ChainRuleList& rules, IPAddressFamily::Type family) {
+  if (family != IPAddressFamily::IPv6) return;
+  for (const auto type : kNeighbourDiscoveryTypes) {
+    rules.Add(Plain({"-p", "ipv6-icmp", "-m", "icmp6", "--icmpv6-type", std::string(type)}, {"ACCEPT"}));
+  }
+}
+
+// The DHCP client's side of its exchange with the servers, whose answers
+// may go to a broadcast address, which connection tracking cannot tie to
+// the request.
+void AddDhcpClient(ChainRuleList& rules, IPAddressFamily::Type family, Side side) {
+  const auto [client, server] = DhcpPortsOf(family);
+  const bool outgoing = side == Side::Outgoing;
+  rules.Add(Plain({"-p", "udp", "-m", "udp", "--sport", std::string(outgoing ? client : server), "--dport",
+                   std::string(outgoing ? server : client)},
+                  {"ACCEPT"}));
+}
+
 // Isolation cuts the host off on both sides and in both families as soon
 // as any isolation rule is given, whatever side and family its exceptions
-// name: loopback stays, the exceptions and their replies pass, everything
-// else is dropped.
+// name: the exceptions and their replies pass, everything else is dropped.
+// Loopback, neighbour discovery and DHCP pass too: an isolated host must
+// keep its addresses and its neighbours, or not even the exceptions could
+// be reached.
 ChainRuleList IsolationChain(const DynamicContext& context, Side side) {
   ChainRuleList rules;
   rules.AddUnchecked(Plain({side == Side::Incoming ? "-i" : "-o", "lo"}, {"ACCEPT"}));
+  AddNeighbourDiscovery(rules, context.family);
+  AddDhcpClient(rules, context.family, side);
   AddDynamicRules(rules, context, Placement::Isolation, side);
+  rules.AddUnchecked(Plain({}, {"DROP"}));
+  return rules;
+}
+
+// Traffic the host forwards, routed or bridged (bridged traffic reaches
+// the forward hook while bridge filtering is on), is cut as well: only the
+// connections an exception names pass, either way, with their replies.
+// Neighbour discovery reaches this hook only when bridged; without it the
+// neighbours behind a bridge could not find those an exception names over
+// IPv6, and it carries nothing else. DHCP is the host's own and stays out.
+ChainRuleList ForwardIsolationChain(const DynamicContext& context) {
+  ChainRuleList rules;
+  AddNeighbourDiscovery(rules, context.family);
+  AddDynamicRules(rules, context, Placement::Isolation, Side::Incoming);
+  AddDynamicRules(rules, context, Placement::Isolation, Side::Outgoing);
   rules.AddUnchecked(Plain({}, {"DROP"}));
   return rules;
 }
@@ -188,6 +242,7 @@ State FilterState(const DynamicContext& context, const CompiledRules* compiled) 
   AddReached(state, kOutputChain, kModuleOutput,
              FilterChain(context, Side::Outgoing, isolated, compiled ? &compiled->outgoing : nullptr));
   if (isolated) {
+    AddReached(state, kForwardChain, kModuleForward, ForwardIsolationChain(context));
     AddInner(state, kPreIsolation, IsolationChain(context, Side::Incoming));
     AddInner(state, kPostIsolation, IsolationChain(context, Side::Outgoing));
   }

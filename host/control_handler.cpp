@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "host/isolation_json.h"
 #include "host/ostra_port_text.h"
 #include "host/rule_description_json.h"
 
@@ -71,6 +72,11 @@ std::string ControlHandler::Handle(std::string_view line) noexcept {
 }
 
 Json ControlHandler::Answer(const ControlRequest& request) {
+  const bool aboutIsolation = std::holds_alternative<IsolateRequest>(request) ||
+                              std::holds_alternative<ReleaseRequest>(request) ||
+                              std::holds_alternative<IsolationRequest>(request) ||
+                              std::holds_alternative<TurnOffRequest>(request);
+  if (aboutIsolation && !m_targets.isolation.manager) return ErrorJson(m_targets.isolation.unavailable);
   return std::visit(
       [this](const auto& r) -> Json {
         using R = std::decay_t<decltype(r)>;
@@ -79,6 +85,10 @@ Json ControlHandler::Answer(const ControlRequest& request) {
         if constexpr (std::is_same_v<R, RemoveRulesRequest>) return RemoveRules(r);
         if constexpr (std::is_same_v<R, AgentPortsRequest>) return AgentPorts(r);
         if constexpr (std::is_same_v<R, QueueRequest>) return Queue(r);
+        if constexpr (std::is_same_v<R, IsolateRequest>) return Isolate(r);
+        if constexpr (std::is_same_v<R, ReleaseRequest>) return Release(r);
+        if constexpr (std::is_same_v<R, IsolationRequest>) return Isolation();
+        if constexpr (std::is_same_v<R, TurnOffRequest>) return TurnOff();
       },
       request);
 }
@@ -170,6 +180,85 @@ Json ControlHandler::AgentPorts(const AgentPortsRequest& request) {
     return RefusedJson("no port list from the agent's ports", r);
   }
   return Json{{"ok", true}, {"agentPorts", PortsJson(ports)}};
+}
+
+// The clients isolating now, ascending; empty when the manager cannot say.
+std::vector<std::uint32_t> ControlHandler::ActiveClients() {
+  std::vector<std::uint32_t> clients;
+  if (!m_targets.isolation.status || ORO_FAILED(m_targets.isolation.status->GetActiveSessions(clients))) return {};
+  std::sort(clients.begin(), clients.end());
+  return clients;
+}
+
+Json ControlHandler::Isolate(const IsolateRequest& request) {
+  const auto before = ActiveClients();
+  const bool replaced = std::binary_search(before.begin(), before.end(), request.client);
+  const auto r = m_targets.isolation.manager->CreateSession(request.client, request.rules);
+  if (ORO_FAILED(r)) {
+    return RefusedJson("the module did not isolate the host for client " + std::to_string(request.client) +
+                           " (see its trace)",
+                       r);
+  }
+  if (m_targets.isolation.states) m_targets.isolation.states->RememberKind(request.client, request.kind);
+  return Json{{"ok", true},
+              {"client", request.client},
+              {"kind", request.kind},
+              {"rules", request.rules.size()},
+              {"replaced", replaced}};
+}
+
+// The manager refuses an unknown client without a change; the host names
+// the reason rather than leaving a bare result code.
+Json ControlHandler::Release(const ReleaseRequest& request) {
+  const auto before = ActiveClients();
+  const auto r = m_targets.isolation.manager->DeleteSession(request.client);
+  if (ORO_FAILED(r)) {
+    const bool known = std::binary_search(before.begin(), before.end(), request.client);
+    return RefusedJson(known ? "the module did not release client " + std::to_string(request.client) + " (see its trace)"
+                             : "client " + std::to_string(request.client) + " does not isolate the host; nothing changed",
+                       r);
+  }
+  if (m_targets.isolation.states) m_targets.isolation.states->ForgetKind(request.client);
+  return Json{{"ok", true}, {"client", request.client}, {"isolated", !ActiveClients().empty()}};
+}
+
+// {"ok":true,"isolated":true,"backend":"iptables","clients":[{"client":31,"kind":2,"rules":[...]}],"builtIn":{...}}
+Json ControlHandler::Isolation() {
+  if (!m_targets.isolation.report) return ErrorJson("the isolation manager gives no report");
+  firewall::NetworkIsolationReport report;
+  if (const auto r = m_targets.isolation.report->GetReport(report); ORO_FAILED(r)) {
+    return RefusedJson("no report from the isolation manager", r);
+  }
+  Json clients = Json::array();
+  for (const auto& client : report.clients) {
+    Json rules = Json::array();
+    for (const auto& rule : client.rules) rules.push_back(ExclusionRuleToJson(rule));
+    const std::uint32_t kind = m_targets.isolation.states ? m_targets.isolation.states->KindOf(client.clientId) : 0;
+    clients.push_back(Json{{"client", client.clientId}, {"kind", kind}, {"rules", std::move(rules)}});
+  }
+  return Json{{"ok", true},
+              {"isolated", !report.clients.empty()},
+              {"backend", report.backend.empty() ? Json(nullptr) : Json(report.backend)},
+              {"clients", std::move(clients)},
+              {"builtIn", BuiltinRulesToJson(report.builtIn)}};
+}
+
+// The facade runs each client's stop task and waits for it; the reply
+// counts the clients that no longer isolate afterwards.
+Json ControlHandler::TurnOff() {
+  if (!m_targets.isolation.facade) return ErrorJson("the module has no isolation facade");
+  const auto before = ActiveClients();
+  const auto r = m_targets.isolation.facade->TurnOff();
+  const auto after = ActiveClients();
+  Json stopped = Json::array();
+  for (const auto client : before) {
+    if (!std::binary_search(after.begin(), after.end(), client)) stopped.push_back(client);
+  }
+  Json reply = ORO_FAILED(r) ? RefusedJson("the facade did not turn isolation off (see its trace)", r) : Json{{"ok", true}};
+  reply["stopped"] = stopped.size();
+  reply["clients"] = std::move(stopped);
+  reply["stillIsolating"] = after;
+  return reply;
 }
 
 std::string ErrorReply(const std::string& text) { return JsonLine(ErrorJson(text)); }

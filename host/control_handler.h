@@ -1,6 +1,6 @@
 // Answers the control socket's requests through the module's interfaces:
 // the service's status and dynamic rules, the agent's port list, the task's
-// packet-log counts and the free NFQUEUE numbers.
+// packet-log counts, the free NFQUEUE numbers, and network isolation.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,10 @@
 #include <string_view>
 
 #include "firewall/firewall_interfaces.h"
+#include "firewall/isolation_interfaces.h"
 #include "firewall/packet_log_interfaces.h"
 #include "host/control_request.h"
+#include "host/host_isolation_state_provider.h"
 #include "host/json.h"
 #include "host/rule_names.h"
 #include "oro/ref_ptr.h"
@@ -23,6 +25,18 @@ struct HostFacts {
   std::uint64_t integrityEvents = 0;
 };
 
+// The isolation manager's interfaces, its facade, and the host's record of
+// each client's kind. Without a manager, isolation requests are refused with
+// `unavailable`.
+struct IsolationTargets {
+  oro::RefPtr<system_interceptors::network_isolation_manager::INetworkIsolationManager3> manager;
+  oro::RefPtr<system_interceptors::network_isolation_manager::INetworkIsolationManagerOverallStatusProvider> status;
+  oro::RefPtr<firewall::INetworkIsolationReport> report;
+  oro::RefPtr<firewall::INetworkIsolationFacade> facade;
+  oro::RefPtr<HostIsolationStateProvider> states;
+  std::string unavailable = "the module has no network isolation manager";
+};
+
 // The module's objects that requests reach.
 struct ControlTargets {
   oro::RefPtr<firewall::IFirewallStatus> status;
@@ -33,6 +47,7 @@ struct ControlTargets {
   oro::RefPtr<firewall::INflogCounters> packetLog;
   // Without it, queue requests are refused: the module offers no such class.
   oro::RefPtr<firewall::INfqueueQuery> queues;
+  IsolationTargets isolation;
 };
 
 class ControlHandler {
@@ -52,6 +67,11 @@ class ControlHandler {
   Json RemoveRules(const RemoveRulesRequest& request);
   Json AgentPorts(const AgentPortsRequest& request);
   Json Queue(const QueueRequest& request);
+  Json Isolate(const IsolateRequest& request);
+  Json Release(const ReleaseRequest& request);
+  Json Isolation();
+  Json TurnOff();
+  std::vector<std::uint32_t> ActiveClients();
   Json Answer(const ControlRequest& request);
   Json PacketLogJson(const firewall::NflogCounts& counts) const;
 

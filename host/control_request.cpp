@@ -5,6 +5,7 @@
 #include <set>
 
 #include "host/json.h"
+#include "host/isolation_json.h"
 #include "host/ostra_port_text.h"
 #include "host/rule_description_json.h"
 
@@ -55,14 +56,19 @@ std::string WithoutExceptionId(const std::string& what) {
 
 struct Command {
   const char* name;
-  std::vector<const char*> keys;  // besides "cmd", all required
+  std::vector<const char*> keys;      // besides "cmd", all required
+  std::vector<const char*> optional = {};
 };
-const std::array<Command, 5> kCommands = {{
+const std::array<Command, 9> kCommands = {{
     {"status", {}},
     {"add-rules", {"tag", "rules"}},
     {"remove-rules", {"rules"}},
     {"agent-ports", {"ports"}},
     {"queue", {"count"}},
+    {"isolate", {"client", "rules"}, {"kind"}},
+    {"release", {"client"}},
+    {"isolation", {}},
+    {"turn-off", {}},
 }};
 
 std::string CommandNames() {
@@ -74,6 +80,7 @@ std::string CommandNames() {
 std::string KeyList(const Command& command) {
   std::string keys = "cmd";
   for (const char* key : command.keys) keys += std::string(", ") + key;
+  for (const char* key : command.optional) keys += std::string(", ") + key + " (optional)";
   return keys;
 }
 
@@ -92,8 +99,10 @@ void CheckKeys(const Json& request, const Command& command) {
   for (const auto& item : request.items()) {
     const std::string& key = item.key();
     if (key == "cmd") continue;
-    if (std::find_if(command.keys.begin(), command.keys.end(), [&](const char* k) { return key == k; }) ==
-        command.keys.end()) {
+    const auto named = [&](const std::vector<const char*>& keys) {
+      return std::find_if(keys.begin(), keys.end(), [&](const char* k) { return key == k; }) != keys.end();
+    };
+    if (!named(command.keys) && !named(command.optional)) {
       Fail(key.substr(0, 40) + ": unknown key for " + command.name + " (expected " + KeyList(command) + ")");
     }
   }
@@ -151,6 +160,35 @@ std::uint16_t QueueCount(const Json& request) {
   return static_cast<std::uint16_t>(count.get<std::uint64_t>());
 }
 
+// A JSON integer from 0 to 4294967295.
+std::uint32_t Unsigned32(const Json& request, const char* key) {
+  const Json& value = request.at(key);
+  const bool fits = (value.is_number_unsigned() && value.get<std::uint64_t>() <= 0xffffffffu) ||
+                    (value.is_number_integer() && value.get<std::int64_t>() >= 0 &&
+                     value.get<std::int64_t>() <= 0xffffffffLL);
+  if (!fits) Fail(std::string(key) + ": expected an integer from 0 to 4294967295, got " + JsonLine(value).substr(0, 40));
+  return static_cast<std::uint32_t>(value.get<std::uint64_t>());
+}
+
+firewall::NetworkExclusionRules ExclusionRules(const Json& request) {
+  firewall::NetworkExclusionRules rules;
+  const Json& items = Array(request, "rules");
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    auto rule = ExclusionRuleFromJson(items[i]);
+    if (!rule) Fail("rules[" + std::to_string(i) + "]" + (items[i].is_object() ? "." : ": ") + rule.ErrorText());
+    rules.push_back(std::move(rule).Value());
+  }
+  return rules;
+}
+
+IsolateRequest Isolate(const Json& request) {
+  IsolateRequest isolate;
+  isolate.client = Unsigned32(request, "client");
+  if (request.contains("kind")) isolate.kind = Unsigned32(request, "kind");
+  isolate.rules = ExclusionRules(request);
+  return isolate;
+}
+
 ControlRequest ReadRequest(const Json& request) {
   if (!request.is_object()) Fail("expected a JSON object with \"cmd\"");
   const Command& command = FindCommand(request);
@@ -160,6 +198,10 @@ ControlRequest ReadRequest(const Json& request) {
   if (name == "remove-rules") return RemoveRulesRequest{Rules(request)};
   if (name == "agent-ports") return AgentPortsRequest{Ports(request)};
   if (name == "queue") return QueueRequest{QueueCount(request)};
+  if (name == "isolate") return Isolate(request);
+  if (name == "release") return ReleaseRequest{Unsigned32(request, "client")};
+  if (name == "isolation") return IsolationRequest{};
+  if (name == "turn-off") return TurnOffRequest{};
   return StatusRequest{};
 }
 

@@ -5,6 +5,10 @@
 //   {"cmd":"remove-rules","rules":[...]}
 //   {"cmd":"agent-ports","ports":["15000/tcp/in","13000/tcp/inout"]}
 //   {"cmd":"queue","count":4}
+//   {"cmd":"isolate","client":31,"kind":2,"rules":[{"remoteAddress":"10.77.0.2","protocol":6}]}
+//   {"cmd":"release","client":31}
+//   {"cmd":"isolation"}
+//   {"cmd":"turn-off"}
 #pragma once
 
 #include <cstdint>
@@ -13,6 +17,7 @@
 #include <variant>
 
 #include "firewall/firewall_interfaces.h"
+#include "firewall/isolation_interfaces.h"
 #include "host/outcome.h"
 
 namespace qel::host {
@@ -43,8 +48,33 @@ struct QueueRequest {
   bool operator==(const QueueRequest&) const = default;
 };
 
-using ControlRequest =
-    std::variant<StatusRequest, AddRulesRequest, RemoveRulesRequest, AgentPortsRequest, QueueRequest>;
+// Isolate the host for `client`, letting through what `rules` name; a client
+// that isolates already gets its rules replaced. `kind` says which component
+// the client is, which chooses its stop task when isolation is turned off.
+struct IsolateRequest {
+  std::uint32_t client = 0;
+  std::uint32_t kind = 0;
+  firewall::NetworkExclusionRules rules;
+  bool operator==(const IsolateRequest&) const = default;
+};
+
+struct ReleaseRequest {
+  std::uint32_t client = 0;
+  bool operator==(const ReleaseRequest&) const = default;
+};
+
+// Who isolates, with which rules, through which backend.
+struct IsolationRequest {
+  bool operator==(const IsolationRequest&) const = default;
+};
+
+// Stop every client's isolation through its own stop task.
+struct TurnOffRequest {
+  bool operator==(const TurnOffRequest&) const = default;
+};
+
+using ControlRequest = std::variant<StatusRequest, AddRulesRequest, RemoveRulesRequest, AgentPortsRequest,
+                                    QueueRequest, IsolateRequest, ReleaseRequest, IsolationRequest, TurnOffRequest>;
 
 // Objects nest at most this deep in a request; deeper text is refused before
 // it is parsed, so that no line can exhaust the stack.

@@ -13,6 +13,10 @@
 #include "host/control_server.h"
 #include "host/control_socket.h"
 #include "host/file_storage.h"
+#include "host/host_dns_resolver.h"
+#include "host/host_isolation_state_provider.h"
+#include "host/host_product_settings.h"
+#include "host/host_task_manager.h"
 #include "host/host_services.h"
 #include "host/json_event_publisher.h"
 #include "host/loaded_module.h"
@@ -84,6 +88,7 @@ class Session {
   // Creates the module's objects, hands the agent's ports over and starts
   // the task.
   bool Start(const LoadedSettings& loaded) {
+    RegisterIsolationServices(loaded.isolation);
     m_locator->Register(m_module.CreateDirectly(oro::clsid::IptablesInfoProvider, m_locator.Get()).Get());
     m_locator->Register(m_module.CreateDirectly(oro::clsid::IptablesFirewall, m_locator.Get()).Get());
     m_service = m_module.CreateWithFactory(oro::clsid::FirewallService, m_locator.Get());
@@ -117,6 +122,7 @@ class Session {
     m_started = true;
     m_err << "firewall-host: firewall task started" << std::endl;
     if (loaded.lumraHostType) StartLumraExclusions(*loaded.lumraHostType);
+    CreateIsolation();
     return true;
   }
 
@@ -125,7 +131,8 @@ class Session {
     const std::string path = socket.Path();
     ControlTargets targets{Require<firewall::IFirewallStatus>(m_service, "IFirewallStatus"),
                            Require<firewall::IDynamicRules>(m_service, "IDynamicRules"), m_ostraPorts,
-                           oro::QueryInterface<firewall::INflogCounters>(m_taskObject.Get()), m_queues};
+                           oro::QueryInterface<firewall::INflogCounters>(m_taskObject.Get()), m_queues,
+                           IsolationTargetsNow()};
     ControlHandler handler(std::move(targets),
                            [this] { return HostFacts{m_started.load(), m_publisher->IntegrityEvents()}; },
                            m_ruleNames);
@@ -143,6 +150,9 @@ class Session {
       // A port list the module could not put in force is reported; the
       // settings are still worth applying.
       if (loaded.agentPorts) SetAgentPorts(*loaded.agentPorts);
+      // Read by the isolation manager the next time it collects its
+      // built-in exclusions.
+      m_productSettings->Set(loaded.isolation);
       m_ruleNames.BeginChange(RuleNames::Of(loaded.settings));
       const oro::result_t r = m_settings->SetSettings(&loaded.settings);
       m_ruleNames.EndChange(ORO_SUCCEEDED(r));
@@ -164,6 +174,81 @@ class Session {
   void RegisterNew(T* object) {
     m_locator->Register(object);
     object->Release();
+  }
+
+  // The services the isolation manager looks up when it is created; its
+  // collaborators that the module makes itself are found there too.
+  void RegisterIsolationServices(const IsolationSettings& settings) {
+    RegisterNew(new HostDnsResolver);
+    m_productSettings = oro::RefPtr<HostProductSettings>::Adopt(new HostProductSettings(settings));
+    m_locator->Register(static_cast<oro::IProductSettings*>(m_productSettings.Get()));
+    m_taskManager = oro::RefPtr<HostTaskManager>::Adopt(
+        new HostTaskManager([settings = m_productSettings] { return settings->Get().tamberServers; }));
+    m_locator->Register(m_taskManager.Get());
+    m_isolationStates = oro::RefPtr<HostIsolationStateProvider>::Adopt(new HostIsolationStateProvider);
+    m_locator->Register(m_isolationStates.Get());
+  }
+
+  // Once the firewall runs: the manager recovers the sessions it stored and
+  // isolates again at once. A module without the classes still runs the
+  // firewall; isolation requests are then refused with the reason.
+  void CreateIsolation() {
+    try {
+      m_isolationObject = m_module.CreateDirectly(oro::clsid::NetworkIsolationManager, m_locator.Get());
+      m_isolationManager =
+          Require<system_interceptors::network_isolation_manager::INetworkIsolationManager3>(m_isolationObject,
+                                                                                               "INetworkIsolationManager3");
+      m_isolationHolder = Require<firewall::INetworkIsolationHolder>(m_isolationObject, "INetworkIsolationHolder");
+    } catch (const std::runtime_error& e) {
+      m_isolationUnavailable = std::string("no network isolation: ") + e.what();
+      m_err << "firewall-host: " << m_isolationUnavailable << "; isolation requests will be refused" << std::endl;
+      m_isolationObject.Reset();
+      m_isolationManager.Reset();
+      m_isolationHolder.Reset();
+      return;
+    }
+    m_taskManager->Attach(m_isolationManager);
+    m_isolationStates->Attach(
+        oro::QueryInterface<system_interceptors::network_isolation_manager::INetworkIsolationManagerOverallStatusProvider>(
+            m_isolationObject.Get()),
+        oro::QueryInterface<firewall::INetworkIsolationReport>(m_isolationObject.Get()));
+    try {
+      m_facadeObject = m_module.CreateDirectly(oro::clsid::NetworkIsolationFacade, m_locator.Get());
+    } catch (const std::runtime_error& e) {
+      m_err << "firewall-host: no isolation facade, turn-off requests will be refused: " << e.what() << std::endl;
+    }
+    m_err << "firewall-host: network isolation manager created" << std::endl;
+  }
+
+  IsolationTargets IsolationTargetsNow() const {
+    namespace nim = system_interceptors::network_isolation_manager;
+    IsolationTargets targets;
+    targets.manager = m_isolationManager;
+    targets.status = oro::QueryInterface<nim::INetworkIsolationManagerOverallStatusProvider>(m_isolationObject.Get());
+    targets.report = oro::QueryInterface<firewall::INetworkIsolationReport>(m_isolationObject.Get());
+    targets.facade = oro::QueryInterface<firewall::INetworkIsolationFacade>(m_facadeObject.Get());
+    targets.states = m_isolationStates;
+    if (!m_isolationUnavailable.empty()) targets.unavailable = m_isolationUnavailable;
+    return targets;
+  }
+
+  // Lifts isolation while the firewall service can still remove its rules;
+  // the manager keeps its record, so that the next start isolates again.
+  // Then no stop task runs any more and the links to the manager go.
+  void ShutdownIsolation() {
+    if (m_isolationHolder) {
+      const oro::result_t r = m_isolationHolder->Shutdown();
+      if (ORO_FAILED(r)) {
+        m_err << "firewall-host: isolation was not lifted (result " << std::hex << r << std::dec << "); see the trace"
+              << std::endl;
+      }
+    }
+    if (m_taskManager) m_taskManager->Shutdown();
+    if (m_isolationStates) m_isolationStates->Detach();
+    m_facadeObject.Reset();
+    m_isolationHolder.Reset();
+    m_isolationManager.Reset();
+    m_isolationObject.Reset();
   }
 
   // The virtualisation mode's ports are excluded once the firewall runs, on
@@ -198,12 +283,13 @@ class Session {
     return ORO_SUCCEEDED(r);
   }
 
-  // Stops answering requests and waits for the exclusions' thread, then
+  // Stops answering requests, lifts isolation, waits for the exclusions' thread, then
   // stops the task; releases the agent's
   // ports and then the service while the backend is still reachable, so
   // that the service can remove its rules; then everything else.
   void Shutdown() {
     m_control.reset();
+    ShutdownIsolation();
     m_lumraObject.Reset();  // waits for its thread
     if (m_started) m_task->Stop();
     m_started = false;
@@ -242,6 +328,14 @@ class Session {
   oro::RefPtr<oro::IObject> m_lumraObject;
   oro::RefPtr<oro::IObject> m_queueObject;
   oro::RefPtr<firewall::INfqueueQuery> m_queues;
+  oro::RefPtr<HostProductSettings> m_productSettings;
+  oro::RefPtr<HostTaskManager> m_taskManager;
+  oro::RefPtr<HostIsolationStateProvider> m_isolationStates;
+  oro::RefPtr<oro::IObject> m_isolationObject;
+  oro::RefPtr<system_interceptors::network_isolation_manager::INetworkIsolationManager3> m_isolationManager;
+  oro::RefPtr<firewall::INetworkIsolationHolder> m_isolationHolder;
+  oro::RefPtr<oro::IObject> m_facadeObject;
+  std::string m_isolationUnavailable;
   std::atomic<bool> m_started = false;
   std::unique_ptr<ControlServer> m_control;
 };

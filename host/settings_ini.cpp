@@ -13,6 +13,7 @@
 #include <sstream>
 
 #include "host/ostra_port_text.h"
+#include "host/server_address_text.h"
 #include "qel_common/string_conv.h"
 
 namespace qel::host {
@@ -145,6 +146,66 @@ std::string ReadLumraSection(const pt::ptree& keys) {
   return name;
 }
 
+// "a, b; c" -> {a, b, c}: either separator, blanks around items dropped.
+std::vector<std::string> SplitServerList(const std::string& value) {
+  std::vector<std::string> items;
+  boost::algorithm::split(items, value, [](char c) { return c == ',' || c == ';'; });
+  for (auto& item : items) boost::algorithm::trim(item);
+  std::erase_if(items, [](const std::string& item) { return item.empty(); });
+  return items;
+}
+
+std::string ReadServer(const std::string& section, const std::string& key, const std::string& value) {
+  if (value.empty()) return value;
+  if (auto problem = ServerAddressProblem(value)) Fail(section, key, *problem);
+  return value;
+}
+
+std::vector<std::string> ReadServerList(const std::string& section, const std::string& key, const std::string& value) {
+  std::vector<std::string> servers = SplitServerList(value);
+  for (const auto& server : servers) ReadServer(section, key, server);
+  return servers;
+}
+
+std::vector<std::string> ReadBackends(const std::string& section, const std::string& key, const std::string& value) {
+  const std::vector<std::string> known = IsolationSettings{}.backends;
+  std::vector<std::string> backends = SplitServerList(value);
+  if (backends.empty()) Fail(section, key, "empty (name at least one of " + boost::algorithm::join(known, ", ") + ")");
+  for (auto it = backends.begin(); it != backends.end(); ++it) {
+    if (std::find(known.begin(), known.end(), *it) == known.end()) {
+      Fail(section, key, "'" + *it + "' is not one of " + boost::algorithm::join(known, ", "));
+    }
+    if (std::find(backends.begin(), it, *it) != it) Fail(section, key, "'" + *it + "' is named twice");
+  }
+  return backends;
+}
+
+IsolationSettings ReadIsolationSection(const pt::ptree& keys) {
+  const std::string section = "isolation";
+  RejectUnknownKeys(section, keys,
+                    {"managementServer", "tamberServers", "lumraIntegrationServer", "lumraSecurityMachines",
+                     "cloudProxyTcp", "cloudProxyHttps", "cloudDiscoveryUrl", "cloudRoutes", "industrialServers",
+                     "backends"});
+  IsolationSettings out;
+  for (const auto& [key, node] : keys) {
+    const std::string value = boost::algorithm::trim_copy(node.data());
+    if (key == "managementServer") out.managementServer = ReadServer(section, key, value);
+    if (key == "tamberServers") out.tamberServers = ReadServerList(section, key, value);
+    if (key == "lumraIntegrationServer") out.lumraIntegrationServer = ReadServer(section, key, value);
+    if (key == "lumraSecurityMachines") out.lumraSecurityMachines = ReadServerList(section, key, value);
+    if (key == "cloudProxyTcp") out.cloudProxyTcp = ReadServer(section, key, value);
+    if (key == "cloudProxyHttps") out.cloudProxyHttps = ReadServer(section, key, value);
+    if (key == "cloudRoutes") out.cloudRoutes = ReadServerList(section, key, value);
+    if (key == "industrialServers") out.industrialServers = ReadServerList(section, key, value);
+    if (key == "backends") out.backends = ReadBackends(section, key, value);
+    if (key == "cloudDiscoveryUrl" && !value.empty()) {
+      if (auto problem = DiscoveryUrlProblem(value)) Fail(section, key, *problem);
+      out.cloudDiscoveryUrl = value;
+    }
+  }
+  return out;
+}
+
 settings::PacketRule ReadRule(const std::string& section, const pt::ptree& keys) {
   RejectUnknownKeys(section, keys,
                     {"name", "action", "direction", "protocol", "remotePorts", "localPorts", "icmpType", "icmpCode",
@@ -203,13 +264,15 @@ LoadedSettings ParseSettingsIni(std::istream& in) {
       loaded.agentPorts = ReadAgentSection(keys);
     } else if (section == "lumra") {
       loaded.lumraHostType = ReadLumraSection(keys);
+    } else if (section == "isolation") {
+      loaded.isolation = ReadIsolationSection(keys);
     } else if (boost::algorithm::starts_with(section, kRulePrefix) && section.size() > std::string(kRulePrefix).size()) {
       loaded.settings.packetRules.push_back(ReadRule(section, keys));
       loaded.ruleSections.push_back(section);
     } else if (keys.empty() && !keys.data().empty()) {
       Fail("", section, "key outside of any section");
     } else {
-      Fail(section, "", "unknown section (expected [settings], [agent], [lumra] or [rule NAME])");
+      Fail(section, "", "unknown section (expected [settings], [agent], [lumra], [isolation] or [rule NAME])");
     }
   }
   return loaded;

@@ -17,10 +17,15 @@
 //   [lumra]
 //   hostType = clone
 //
+//   [isolation]
+//   managementServer = ksc.example:13000
+//   backends = iptables
+//
 // A ";" preceded by a blank starts a comment; a ";" right after a value
 // separates list elements. The [agent] section is optional: without it the
 // host leaves the agent's port list as it is. So is [lumra]: without it the
-// host is in no virtualisation mode.
+// host is in no virtualisation mode. So is [isolation]: without it no
+// product server is excluded from isolation and every backend may be tried.
 #pragma once
 
 #include <istream>
@@ -32,6 +37,7 @@
 #include "firewall/firewall_interfaces.h"
 #include "firewall/firewall_settings.h"
 #include "firewall/iptables_rule_compiler.h"
+#include "host/isolation_settings.h"
 
 namespace qel::host {
 
@@ -43,6 +49,8 @@ struct LoadedSettings {
   std::optional<firewall::OstraPortList> agentPorts;
   // The virtualisation mode's host type, when the file has a [lumra] section.
   std::optional<std::string> lumraHostType;
+  // The [isolation] section; its defaults when the file has none.
+  IsolationSettings isolation;
 };
 
 // Names the section, the key and what is wrong, e.g.

@@ -3,6 +3,7 @@
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
 #include "firewall/lumra_mode_ports_exclude.h"
+#include "firewall/network_isolation_facade.h"
 #include "firewall/nflog_listener_factory.h"
 #include "firewall/nfqueue_query.h"
 #include "firewall/ostra_ports.h"
@@ -12,6 +13,7 @@
 #include "module/module_firewall_service.h"
 #include "module/module_firewall_task.h"
 #include "module/module_network_interface_provider.h"
+#include "module/module_network_isolation_manager.h"
 
 namespace qel::module {
 namespace {
@@ -38,6 +40,10 @@ constexpr FactoryEntry kFactoryClasses[] = {
 // before the iptables firewall, the qdisc controller and interface provider
 // after the info provider; their entries come with their classes.
 constexpr ClassEntry kDirectClasses[] = {
+    {oro::clsid::NetworkIsolationManager,
+     &Create<ModuleNetworkIsolationManager, system_interceptors::network_isolation_manager::INetworkIsolationManager3>},
+    {oro::clsid::NetworkIsolationFacade,
+     &Create<firewall::NetworkIsolationFacade, firewall::INetworkIsolationFacade>},
     {oro::clsid::LumraModePortsExclude,
      &Create<firewall::LumraModePortsExclude, firewall::ILumraModePortsExclude>},
     {oro::clsid::BridgeController, &Create<ModuleBridgeController, firewall::IBridgeController>},

@@ -55,6 +55,29 @@ std::string In(const std::string& table, const std::string& chain, const std::st
 
 const std::string kReplyTo = " -m conntrack --ctstate ESTABLISHED --ctdir REPLY";
 
+// The isolation case's IPv4 exception into `in`, its replies out of `out`.
+std::string IsolationException(const std::string& in, const std::string& out) {
+  return In("filter", in, "-s 10.77.0.0/24 -p tcp -m tcp --dport 22 -j ACCEPT", {"iptables-save"}) +
+         In("filter", out, "-d 10.77.0.0/24 -p tcp -m tcp --sport 22" + kReplyTo + " -j ACCEPT", {"iptables-save"});
+}
+
+std::string NeighbourDiscovery(const std::string& chain) {
+  std::string lines;
+  for (const char* type : {"133", "134", "135", "136", "137"}) {
+    lines += In("filter", chain, std::string("-p ipv6-icmp -m icmp6 --icmpv6-type ") + type + " -j ACCEPT",
+                {"ip6tables-save"});
+  }
+  return lines;
+}
+
+// What an isolated host keeps in `chain`: neighbour discovery, and DHCP
+// with the given IPv6 and IPv4 ports.
+std::string IsolationUpkeep(const std::string& chain, const std::string& dhcp6Ports, const std::string& dhcp4Ports) {
+  std::string lines = NeighbourDiscovery(chain);
+  lines += In("filter", chain, "-p udp -m udp " + dhcp6Ports + " -j ACCEPT", {"ip6tables-save"});
+  return lines + In("filter", chain, "-p udp -m udp " + dhcp4Ports + " -j ACCEPT", {"iptables-save"});
+}
+
 std::vector<KindCase> Kinds() {
   return {
       {"raw", {.protocol = 4, .action = RawAction{"DROP", {}}},
@@ -100,20 +123,23 @@ std::vector<KindCase> Kinds() {
            In("filter", "vorn_input",
               "-p tcp -m tcp --tcp-flags SYN,ACK SYN -j NFLOG --nflog-prefix seen --nflog-group 33 "
               "--nflog-threshold 1")},
-      // The exception is IPv4's; IPv6 is cut off all the same.
+      // The exception is IPv4's; IPv6 is cut off all the same. Forwarded
+      // traffic passes the exception only, the host keeps its upkeep.
       {"isolation",
        {.protocol = 6, .remote = tools::IpNetwork{tools::ParseIpAddress("10.77.0.0"), 24},
         .localPorts = PortRange{22, 22}, .action = IsolationAction{0}},
        Reached("filter", "INPUT", "vorn_input") + Reached("filter", "OUTPUT", "vorn_output") +
+           Reached("filter", "FORWARD", "vorn_forward") +
            "ip6tables-save filter :vorn_post_isolation -\nip6tables-save filter :vorn_pre_isolation -\n" +
            "iptables-save filter :vorn_post_isolation -\niptables-save filter :vorn_pre_isolation -\n" +
            In("filter", "vorn_input", "-j vorn_pre_isolation") + In("filter", "vorn_output", "-j vorn_post_isolation") +
-           In("filter", "vorn_post_isolation", "-d 10.77.0.0/24 -p tcp -m tcp --sport 22" + kReplyTo + " -j ACCEPT",
-              {"iptables-save"}) +
+           IsolationException("vorn_forward", "vorn_forward") + NeighbourDiscovery("vorn_forward") +
+           In("filter", "vorn_forward", "-j DROP") +
+           IsolationException("vorn_pre_isolation", "vorn_post_isolation") +
+           IsolationUpkeep("vorn_pre_isolation", "--sport 547 --dport 546", "--sport 67 --dport 68") +
+           IsolationUpkeep("vorn_post_isolation", "--sport 546 --dport 547", "--sport 68 --dport 67") +
            In("filter", "vorn_post_isolation", "-j DROP") + In("filter", "vorn_post_isolation", "-o lo -j ACCEPT") +
-           In("filter", "vorn_pre_isolation", "-j DROP") + In("filter", "vorn_pre_isolation", "-i lo -j ACCEPT") +
-           In("filter", "vorn_pre_isolation", "-s 10.77.0.0/24 -p tcp -m tcp --dport 22 -j ACCEPT",
-              {"iptables-save"})},
+           In("filter", "vorn_pre_isolation", "-j DROP") + In("filter", "vorn_pre_isolation", "-i lo -j ACCEPT")},
       {"bypass", {.protocol = 6, .localPorts = PortRange{5006, 5006}, .classid = 0x100001, .action = BypassAction{}},
        Reached("filter", "INPUT", "vorn_input") + Reached("filter", "OUTPUT", "vorn_output") +
            In("filter", "vorn_input", "-p tcp -m tcp --dport 5006 -m cgroup --cgroup 1048577 -j RETURN") +

@@ -4,7 +4,10 @@
 // connections between them. Blocked connections show as no answer within
 // a short wait.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <fstream>
 
 #include "support/netns.h"
 #include "support/service_rig.h"
@@ -195,6 +198,149 @@ TEST_P(RuleKindsTrafficNsTest, IsolationPassesOnlyTheException) {
     return text + ", out " + Reach(kPeer, 6001);
   });
   EXPECT_EQ(output, kOk + " " + kOk + " " + kOk + "\n5007 connected, 5008 blocked, out blocked");
+}
+
+// An isolation exception for TCP with `address` on `side`, to its port
+// there: the host's port when incoming, the remote one when outgoing.
+RuleDescription ExceptionFor(const char* address, std::uint16_t port, Side side) {
+  RuleDescription description = TcpTo(port, IsolationAction{0}, side);
+  description.remote = tools::ParseIpNetwork(address);
+  return description;
+}
+
+// The first neighbour solicitation on a link just brought up may go
+// unanswered, and the next comes a second later: one answered ping makes
+// the link ready before anything is measured.
+void WaitForIpv6Path(const std::string& to) { RunToolOk({"ping", "-6", "-c1", "-W3", to}); }
+
+// The neighbours forget each other, so that the next packet to one needs
+// neighbour discovery first.
+void ForgetNeighbours(const PeerNamespace& peer) {
+  RunToolOk({"ip", "-6", "neigh", "flush", "all"});
+  peer.Within([] { RunToolOk({"ip", "-6", "neigh", "flush", "all"}); });
+}
+
+// The isolated host still finds its IPv6 neighbours, and they find it:
+// each exception's connection needs neighbour discovery first, one way and
+// the other, and what no exception names stays cut off.
+TEST_P(RuleKindsTrafficNsTest, IsolatedHostKeepsNeighbourDiscovery) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    WaitForIpv6Path(PeerNamespace::kPeer6);
+    TcpListener hostListener(PeerNamespace::kHost6, 5009);
+    TcpListener named = peer.Within([] { return TcpListener(PeerNamespace::kPeer6, 6003); });
+    TcpListener other = peer.Within([] { return TcpListener(PeerNamespace::kPeer6, 6004); });
+    std::string text = Result(rig.service->AddRules({ExceptionFor(PeerNamespace::kPeer6, 6003, Side::Outgoing),
+                                                     ExceptionFor(PeerNamespace::kPeer6, 5009, Side::Incoming)},
+                                                    "ni_0x1"));
+    ForgetNeighbours(peer);
+    text += " out " + Reach(PeerNamespace::kPeer6, 6003);
+    ForgetNeighbours(peer);
+    text += ", in " + peer.Within([] { return Reach(PeerNamespace::kHost6, 5009); });
+    return text + ", other " + Reach(PeerNamespace::kPeer6, 6004);
+  });
+  EXPECT_EQ(output, kOk + " out connected, in connected, other blocked");
+}
+
+void WriteSetting(const std::string& path, const std::string& value) {
+  std::ofstream file(path);
+  if (!(file << value << std::flush)) throw std::runtime_error("cannot write " + path);
+}
+
+// `third` reaches the peer through the host, which routes between them in
+// both families. The settings are those of the test's own namespace.
+void RouteThrough(const PeerNamespace& peer, const PeerNamespace& third) {
+  WriteSetting("/proc/sys/net/ipv4/ip_forward", "1");
+  WriteSetting("/proc/sys/net/ipv6/conf/all/forwarding", "1");
+  peer.Within([] {
+    RunToolOk({"ip", "route", "add", "10.78.0.0/24", "via", PeerNamespace::kHost4});
+    RunToolOk({"ip", "-6", "route", "add", "fd78::/64", "via", PeerNamespace::kHost6});
+  });
+  third.Within([] {
+    RunToolOk({"ip", "route", "add", "default", "via", "10.78.0.1"});
+    RunToolOk({"ip", "-6", "route", "add", "default", "via", "fd78::1"});
+  });
+}
+
+// `third` reaches the peer through a bridge of the host's that joins both
+// links, the host's addresses on the bridge, and bridged traffic passes the
+// forward hook. Returns why not when the namespace has no bridge switches
+// of its own.
+std::string BridgeThrough(ino_t machineSwitch) {
+  const std::string switchFile = "/proc/sys/net/bridge/bridge-nf-call-iptables";
+  struct stat status {};
+  if (::stat(switchFile.c_str(), &status) != 0) return "br_netfilter is not loaded";
+  if (status.st_ino == machineSwitch) return "the bridge netfilter switches are not per network namespace";
+  WriteSetting(switchFile, "1");
+  WriteSetting("/proc/sys/net/bridge/bridge-nf-call-ip6tables", "1");
+  RunToolOk({"ip", "link", "add", "br0", "type", "bridge"});
+  for (const char* port : {"veth-h", "veth-t"}) {
+    RunToolOk({"ip", "addr", "flush", "dev", port});
+    RunToolOk({"ip", "link", "set", port, "master", "br0"});
+  }
+  RunToolOk({"ip", "addr", "add", std::string(kHost) + "/24", "dev", "br0"});
+  RunToolOk({"ip", "-6", "addr", "add", std::string(PeerNamespace::kHost6) + "/64", "dev", "br0", "nodad"});
+  RunToolOk({"ip", "link", "set", "br0", "up"});
+  return "";
+}
+
+ino_t InodeOf(const char* path) {
+  struct stat status {};
+  return ::stat(path, &status) == 0 ? status.st_ino : 0;
+}
+
+// Traffic the isolated host forwards from `third` to the peer is cut, in
+// both families, but for what an exception names; once the isolation rules
+// go it passes again.
+std::string ForwardedWhileIsolated(ServiceRig& rig, const PeerNamespace& peer, const PeerNamespace& third) {
+  TcpListener listener4 = peer.Within([] { return TcpListener(kPeer, 6005); });
+  TcpListener listener6 = peer.Within([] { return TcpListener(PeerNamespace::kPeer6, 6005); });
+  const auto forwarded = [&] {
+    return third.Within([] { return Reach(kPeer, 6005) + "/" + Reach(PeerNamespace::kPeer6, 6005); });
+  };
+  const std::vector<RuleDescription> otherPort = {ExceptionFor(kPeer, 6006, Side::Outgoing),
+                                                  ExceptionFor(PeerNamespace::kPeer6, 6006, Side::Outgoing)};
+  const std::vector<RuleDescription> named = {ExceptionFor(kPeer, 6005, Side::Outgoing),
+                                              ExceptionFor(PeerNamespace::kPeer6, 6005, Side::Outgoing)};
+  third.Within([] { WaitForIpv6Path(PeerNamespace::kPeer6); });
+  // One step a statement: the operands of + may be evaluated in any order.
+  std::string text = "before " + forwarded();
+  text += ", " + Result(rig.service->AddRules(otherPort, "ni_0x1"));
+  text += " isolated " + forwarded();
+  text += ", " + Result(rig.service->AddRules(named, "ni_0x2"));
+  // Neighbour discovery, bridged or routed, happens while isolated.
+  ForgetNeighbours(peer);
+  third.Within([] { RunToolOk({"ip", "-6", "neigh", "flush", "all"}); });
+  text += " named " + forwarded();
+  text += ", " + Result(rig.service->RemoveRules(otherPort));
+  text += " " + Result(rig.service->RemoveRules(named));
+  return text + " released " + forwarded();
+}
+
+const std::string kForwardedWhileIsolated = "before connected/connected, " + kOk + " isolated blocked/blocked, " +
+                                            kOk + " named connected/connected, " + kOk + " " + kOk +
+                                            " released connected/connected";
+
+TEST_P(RuleKindsTrafficNsTest, IsolationCutsRoutedTrafficButTheExceptions) {
+  const std::string output = Run([](ServiceRig& rig, const PeerNamespace& peer) {
+    const PeerNamespace third({"veth-t", "veth-3", "10.78.0.1", "10.78.0.2", "fd78::1", "fd78::2"});
+    RouteThrough(peer, third);
+    return ForwardedWhileIsolated(rig, peer, third);
+  });
+  EXPECT_EQ(output, kForwardedWhileIsolated);
+}
+
+TEST_P(RuleKindsTrafficNsTest, IsolationCutsBridgedTrafficButTheExceptions) {
+  // The machine's own switch, only looked at: the namespace's must be
+  // another file, or writing it would change the machine.
+  const ino_t machineSwitch = InodeOf("/proc/sys/net/bridge/bridge-nf-call-iptables");
+  const std::string output = Run([machineSwitch](ServiceRig& rig, const PeerNamespace& peer) {
+    // The third namespace stands on the peer's link, behind the bridge.
+    const PeerNamespace third({"veth-t", "veth-3", "10.77.0.4", "10.77.0.3", "fd77::4", "fd77::3"});
+    const std::string notBridged = BridgeThrough(machineSwitch);
+    return notBridged.empty() ? ForwardedWhileIsolated(rig, peer, third) : "skip: " + notBridged;
+  });
+  if (output.starts_with("skip: ")) GTEST_SKIP() << output;
+  EXPECT_EQ(output, kForwardedWhileIsolated);
 }
 
 INSTANTIATE_TEST_SUITE_P(Backends, RuleKindsTrafficNsTest,

@@ -2,6 +2,7 @@
 // sets, and a sink that records the notifications it gets.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -136,6 +137,49 @@ class RecordingInterfaceSink final
   firewall::InterfaceChanges m_changes;
   bool m_held = false;
   bool m_letGo = false;
+};
+
+// A provider with a fixed list whose subscription only records who is
+// subscribed; it sends nothing by itself.
+class FakeInterfaceProvider final
+    : public ObjectImpl<FakeInterfaceProvider, firewall::INetworkInterfaceProvider,
+                        firewall::INetworkInterfaceProviderEventsSubscription> {
+ public:
+  oro::result_t GetInterfaces(firewall::NetworkInterfaces& interfaces) noexcept override {
+    interfaces = list;
+    return oro::errOk;
+  }
+  oro::result_t Subscribe(firewall::INetworkInterfaceProviderEvents* sink) noexcept override {
+    std::lock_guard lock(m_mutex);
+    if (Find(sink) != m_sinks.end()) return oro::errAlreadyExists;
+    m_sinks.push_back(oro::RefPtr<firewall::INetworkInterfaceProviderEvents>::Share(sink));
+    return oro::errOk;
+  }
+  oro::result_t Unsubscribe(firewall::INetworkInterfaceProviderEvents* sink) noexcept override {
+    std::lock_guard lock(m_mutex);
+    const auto it = Find(sink);
+    if (it == m_sinks.end()) return oro::errNotFound;
+    m_sinks.erase(it);
+    return oro::errOk;
+  }
+  oro::result_t UnsubscribeAndWait(firewall::INetworkInterfaceProviderEvents* sink) noexcept override {
+    return Unsubscribe(sink);
+  }
+  std::size_t Subscribers() {
+    std::lock_guard lock(m_mutex);
+    return m_sinks.size();
+  }
+
+  firewall::NetworkInterfaces list;
+
+ private:
+  using Sinks = std::vector<oro::RefPtr<firewall::INetworkInterfaceProviderEvents>>;
+  Sinks::iterator Find(firewall::INetworkInterfaceProviderEvents* sink) {
+    return std::find_if(m_sinks.begin(), m_sinks.end(), [&](const auto& held) { return held.Get() == sink; });
+  }
+
+  std::mutex m_mutex;
+  Sinks m_sinks;
 };
 
 }  // namespace qel::test

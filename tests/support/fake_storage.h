@@ -134,6 +134,19 @@ class FakeStorageNode final : public ObjectImpl<FakeStorageNode, oro::IStorageNo
   std::vector<std::string> m_path;
 };
 
+// The host's storage service, handing out the root of a FakeStorage.
+class FakeStorageService final : public ObjectImpl<FakeStorageService, oro::IStorage> {
+ public:
+  explicit FakeStorageService(std::shared_ptr<FakeStorage> storage) : m_storage(std::move(storage)) {}
+  oro::result_t GetRootNode(oro::IStorageNode** out) noexcept override {
+    *out = new FakeStorageNode(m_storage);
+    return oro::errOk;
+  }
+
+ private:
+  std::shared_ptr<FakeStorage> m_storage;
+};
+
 // Stores a record as {"type": type name, "value": the descriptor's value} and
 // refuses a node that holds another type's record, as the host's serialiser
 // does; it knows records only through the descriptor it is handed.

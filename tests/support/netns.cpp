@@ -193,15 +193,17 @@ void ConfigureEnd(const char* device, const char* ipv4, const char* ipv6) {
 
 }  // namespace
 
-PeerNamespace::PeerNamespace() : m_home(OpenThreadNamespace()) {
+PeerNamespace::PeerNamespace() : PeerNamespace(Link{"veth-h", "veth-p", kHost4, kPeer4, kHost6, kPeer6}) {}
+
+PeerNamespace::PeerNamespace(const Link& link) : m_home(OpenThreadNamespace()) {
   if (unshare(CLONE_NEWNET) != 0) ThrowSystemError("unshare");
   m_peer = OpenThreadNamespace();
   Enter(m_home);
   // The tool opens the peer's namespace through this process's descriptor.
-  RunIp({"link", "add", "veth-h", "type", "veth", "peer", "name", "veth-p", "netns",
+  RunIp({"link", "add", link.hostDevice, "type", "veth", "peer", "name", link.peerDevice, "netns",
          "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(m_peer.Get())});
-  ConfigureEnd("veth-h", kHost4, kHost6);
-  Within([] { ConfigureEnd("veth-p", kPeer4, kPeer6); });
+  ConfigureEnd(link.hostDevice, link.host4, link.host6);
+  Within([&] { ConfigureEnd(link.peerDevice, link.peer4, link.peer6); });
 }
 
 PeerNamespace::Visit::Visit(const PeerNamespace& peer) : m_peer(peer) { Enter(peer.m_peer); }

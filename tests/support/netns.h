@@ -44,7 +44,19 @@ class PeerNamespace {
   static constexpr const char* kHost6 = "fd77::1";
   static constexpr const char* kPeer6 = "fd77::2";
 
+  // A link's two devices and their addresses (IPv4 /24, IPv6 /64), for a
+  // namespace other than the usual peer.
+  struct Link {
+    const char* hostDevice;
+    const char* peerDevice;
+    const char* host4;
+    const char* peer4;
+    const char* host6;
+    const char* peer6;
+  };
+
   PeerNamespace();
+  explicit PeerNamespace(const Link& link);
 
   // Runs `step` with the calling thread in the peer's namespace and returns
   // what it returns: the sockets it opens and the tools it runs belong to

@@ -4,6 +4,7 @@
 
 #include "support/fake_control_targets.h"
 #include "support/fake_framework.h"
+#include "support/fake_isolation_manager.h"
 
 namespace qel::host {
 namespace {
@@ -28,7 +29,7 @@ class ControlHandlerTest : public ::testing::Test {
             oro::RefPtr<firewall::IDynamicRules>::Share(m_service.Get()),
             oro::RefPtr<firewall::IOstraPorts>::Share(m_ports.Get()),
             oro::RefPtr<firewall::INflogCounters>::Share(m_counters.Get()),
-            oro::RefPtr<firewall::INfqueueQuery>::Share(m_queues.Get())};
+            oro::RefPtr<firewall::INfqueueQuery>::Share(m_queues.Get()), {}};
   }
 
   oro::RefPtr<FakeDynamicService> m_service = Make<FakeDynamicService>();
@@ -122,6 +123,77 @@ TEST_F(ControlHandlerTest, QueueRequestAnswersTheFirstFreeNumberOrWhyThereIsNone
   ControlHandler handler(std::move(withoutQueues), [] { return HostFacts{}; }, m_names);
   EXPECT_EQ(handler.Handle(R"({"cmd":"queue","count":4})"),
             R"x({"ok":false,"error":"the module has no NFQUEUE query (no factory for class 0x87fb871c)"})x");
+}
+
+class IsolationRequestsTest : public ControlHandlerTest {
+ protected:
+  ControlTargets WithIsolation() {
+    ControlTargets targets = Targets();
+    targets.isolation.manager = oro::QueryInterface<test::nim::INetworkIsolationManager3>(m_manager->Object());
+    targets.isolation.status =
+        oro::QueryInterface<test::nim::INetworkIsolationManagerOverallStatusProvider>(m_manager->Object());
+    targets.isolation.report = oro::QueryInterface<firewall::INetworkIsolationReport>(m_manager->Object());
+    targets.isolation.facade = oro::RefPtr<firewall::INetworkIsolationFacade>::Share(m_facade.Get());
+    targets.isolation.states = m_states;
+    return targets;
+  }
+  std::vector<std::uint32_t> Active() {
+    std::vector<std::uint32_t> clients;
+    m_manager->GetActiveSessions(clients);
+    return clients;
+  }
+
+  oro::RefPtr<test::FakeIsolationManager> m_manager = Make<test::FakeIsolationManager>();
+  oro::RefPtr<test::FakeIsolationFacade> m_facade = Make<test::FakeIsolationFacade>(m_manager);
+  oro::RefPtr<HostIsolationStateProvider> m_states = Make<HostIsolationStateProvider>();
+  ControlHandler m_isolation{WithIsolation(), [] { return HostFacts{true, 0}; }, m_names};
+};
+
+TEST_F(IsolationRequestsTest, IsolateReplaceReportAndRelease) {
+  const std::string rule = R"({"remoteAddress":"10.77.0.2","protocol":6,"remotePortRange":{"start":443,"end":443}})";
+  EXPECT_EQ(m_isolation.Handle(R"({"cmd":"isolate","client":31,"kind":2,"rules":[)" + rule + "]}"),
+            R"({"ok":true,"client":31,"kind":2,"rules":1,"replaced":false})");
+  EXPECT_EQ(m_isolation.Handle(R"({"cmd":"isolate","client":31,"kind":2,"rules":[)" + rule + "," + rule + "]}"),
+            R"({"ok":true,"client":31,"kind":2,"rules":2,"replaced":true})");
+  EXPECT_EQ(m_isolation.Handle(R"({"cmd":"isolate","client":7,"rules":[]})"),
+            R"({"ok":true,"client":7,"kind":0,"rules":0,"replaced":false})");
+  const std::string report = m_isolation.Handle(R"({"cmd":"isolation"})");
+  EXPECT_EQ(report.rfind(R"({"ok":true,"isolated":true,"backend":"iptables","clients":[{"client":7,"kind":0,"rules":[]},)"
+                         R"({"client":31,"kind":2,"rules":[)" + rule + "," + rule + R"(]}],"builtIn":{"tamberServers":[],)",
+                         0),
+            0u)
+      << report;
+
+  // An unknown client is refused by name and nothing changes.
+  const std::string unknown = m_isolation.Handle(R"({"cmd":"release","client":8})");
+  EXPECT_EQ(unknown.rfind(R"({"ok":false,"error":"client 8 does not isolate the host; nothing changed: result 0x8000004c)", 0), 0u)
+      << unknown;
+  EXPECT_EQ(Active(), (std::vector<std::uint32_t>{7, 31}));
+  EXPECT_EQ(m_isolation.Handle(R"({"cmd":"release","client":31})"), R"({"ok":true,"client":31,"isolated":true})");
+  EXPECT_EQ(m_isolation.Handle(R"({"cmd":"release","client":7})"), R"({"ok":true,"client":7,"isolated":false})");
+  EXPECT_EQ(m_isolation.Handle(R"({"cmd":"isolation"})").rfind(R"({"ok":true,"isolated":false,"backend":null,"clients":[],)", 0),
+            0u);
+}
+
+TEST_F(IsolationRequestsTest, TurnOffCountsTheClientsItStopped) {
+  EXPECT_EQ(m_isolation.Handle(R"({"cmd":"turn-off"})"), R"({"ok":true,"stopped":0,"clients":[],"stillIsolating":[]})");
+  for (auto client : {3u, 5u, 9u}) m_manager->CreateSession(client, {});
+  m_facade->keep = 5;
+  m_facade->result = oro::errUnexpected;
+  const std::string reply = m_isolation.Handle(R"({"cmd":"turn-off"})");
+  EXPECT_EQ(reply.rfind(R"({"ok":false,"error":"the facade did not turn isolation off (see its trace): result 0x8000004b)", 0), 0u)
+      << reply;
+  EXPECT_NE(reply.find(R"("stopped":2,"clients":[3,9],"stillIsolating":[5]})"), std::string::npos) << reply;
+}
+
+TEST_F(IsolationRequestsTest, WithoutAManagerIsolationRequestsAreRefusedWithTheReason) {
+  ControlTargets targets = Targets();
+  targets.isolation.unavailable = "no network isolation: class 0x72f9d8cb not found";
+  ControlHandler handler(std::move(targets), [] { return HostFacts{}; }, m_names);
+  for (const char* line : {R"({"cmd":"isolate","client":1,"rules":[]})", R"({"cmd":"release","client":1})",
+                           R"({"cmd":"isolation"})", R"({"cmd":"turn-off"})"}) {
+    EXPECT_EQ(handler.Handle(line), R"({"ok":false,"error":"no network isolation: class 0x72f9d8cb not found"})") << line;
+  }
 }
 
 }  // namespace

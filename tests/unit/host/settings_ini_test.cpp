@@ -81,6 +81,52 @@ TEST(SettingsIni, ErrorsNameSectionKeyAndReason) {
   }
 }
 
+TEST(SettingsIni, ReadsTheIsolationSection) {
+  const auto loaded = Parse(
+      "[isolation]\nmanagementServer = ksc.example:13000\ntamberServers = 10.0.0.9:443, [fd00::9]:8443 ;nodes\n"
+      "lumraIntegrationServer = viis.example:7271\nlumraSecurityMachines = svm1.example:9000;svm2.example:9000\n"
+      "cloudProxyTcp = 10.1.1.1:3128\ncloudProxyHttps = proxy.example:443\n"
+      "cloudDiscoveryUrl = https://ds.example:443/discovery\ncloudRoutes = r1.example:443\n"
+      "industrialServers = scada.example:4430\nbackends = iptables\n");
+  const IsolationSettings expected{.managementServer = "ksc.example:13000",
+                                   .tamberServers = {"10.0.0.9:443", "[fd00::9]:8443"},
+                                   .lumraIntegrationServer = "viis.example:7271",
+                                   .lumraSecurityMachines = {"svm1.example:9000", "svm2.example:9000"},
+                                   .cloudProxyTcp = "10.1.1.1:3128",
+                                   .cloudProxyHttps = "proxy.example:443",
+                                   .cloudDiscoveryUrl = "https://ds.example:443/discovery",
+                                   .cloudRoutes = {"r1.example:443"},
+                                   .industrialServers = {"scada.example:4430"},
+                                   .backends = {"iptables"}};
+  EXPECT_EQ(loaded.isolation, expected);
+  // Without the section (or the key) every backend, eBPF first.
+  EXPECT_EQ(Parse("[settings]\n").isolation, IsolationSettings{});
+  EXPECT_EQ(Parse("[isolation]\n").isolation.backends, (std::vector<std::string>{"ebpf", "iptables"}));
+  EXPECT_EQ(Parse("[isolation]\nbackends = iptables, ebpf\n").isolation.backends,
+            (std::vector<std::string>{"iptables", "ebpf"}));
+}
+
+TEST(SettingsIni, IsolationErrorsNameKeyAndValue) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"managementServer = ksc.example", "[isolation] managementServer: 'ksc.example' is not HOST:PORT (the port is missing)"},
+      {"managementServer = ksc.example:0", "[isolation] managementServer: 'ksc.example:0' is not HOST:PORT: port '0'"},
+      {"managementServer = ksc.example:70000", "port '70000' is not a number from 1 to 65535"},
+      {"managementServer = fd00::1:443", "'fd00::1:443' is not HOST:PORT (an IPv6 address stands in brackets"},
+      {"tamberServers = a.example:1, b_c!:2", "[isolation] tamberServers: 'b_c!:2' is not HOST:PORT: 'b_c!' is not a host"},
+      {"cloudProxyHttps = [10.0.0.1]:443", "[isolation] cloudProxyHttps: '[10.0.0.1]:443' is not HOST:PORT: '10.0.0.1' is not an IPv6"},
+      {"cloudDiscoveryUrl = http://ds.example:80/", "[isolation] cloudDiscoveryUrl: 'http://ds.example:80/' does not start with https://"},
+      {"cloudDiscoveryUrl = https://ds.example/x", "[isolation] cloudDiscoveryUrl: 'https://ds.example/x': 'ds.example' is not HOST:PORT (the port"},
+      {"backends = ebpf, nft", "[isolation] backends: 'nft' is not one of ebpf, iptables"},
+      {"backends = iptables, iptables", "[isolation] backends: 'iptables' is named twice"},
+      {"backends =", "[isolation] backends: empty"},
+      {"pelmServer = a:1", "[isolation] pelmServer: unknown key (expected one of backends, cloudDiscoveryUrl"},
+  };
+  for (const auto& [line, error] : cases) {
+    const std::string got = ErrorOf("[isolation]\n" + line + "\n");
+    EXPECT_NE(got.find(error), std::string::npos) << line << "\n  got: " << got;
+  }
+}
+
 TEST(CompileCommand, PrintsBothFamiliesOrOnlyTheErrorOnStderr) {
   const std::string good = ::testing::TempDir() + "/good.ini", bad = ::testing::TempDir() + "/bad.ini";
   std::ofstream(good) << "[rule ping6]\naction = Block\ndirection = IncomingPacket\nprotocol = ICMPv6\n"

@@ -83,14 +83,6 @@ TEST(ChainLayoutPlacement, EachKindStandsWhereItMeansWhatItSays) {
         "mangle vorn_prerouting: " + kIn + " -j CONNMARK --restore-mark --nfmask 0xff --ctmask 0xf tag t"}},
       {Web(NflogAction{33, std::nullopt, 0}),
        {"filter INPUT: -j vorn_input", "filter vorn_input: " + kIn + " -j NFLOG --nflog-group 33 tag t"}},
-      // Isolation cuts both sides off: the exception and its replies pass.
-      {Web(IsolationAction{0}),
-       {"filter INPUT: -j vorn_input", "filter vorn_input: -j vorn_pre_isolation", "filter OUTPUT: -j vorn_output",
-        "filter vorn_output: -j vorn_post_isolation", "filter vorn_pre_isolation: -i lo -j ACCEPT",
-        "filter vorn_pre_isolation: " + kIn + " -j ACCEPT tag t", "filter vorn_pre_isolation: -j DROP",
-        "filter vorn_post_isolation: -o lo -j ACCEPT",
-        "filter vorn_post_isolation: " + kOut + kReplies + " -j ACCEPT tag t",
-        "filter vorn_post_isolation: -j DROP"}},
       {Web(BypassAction{}),
        {"filter INPUT: -j vorn_input", "filter vorn_input: " + kIn + " -j RETURN tag t",
         "filter OUTPUT: -j vorn_output", "filter vorn_output: " + kOut + kReplies + " -j RETURN tag t"}},
@@ -146,16 +138,78 @@ TEST(ChainLayoutDeduplication, EqualRulesStandOnceWhileAnyClientHoldsOne) {
   EXPECT_EQ(withCompiled.size(), heldBy("a").size() + 1);
 }
 
-// An exception of one family still isolates the other: there only loopback
-// passes.
+// IPv6 neighbour discovery in `chain`; none in IPv4.
+Lines NeighbourDiscovery(types::IPAddressFamily::Type family, const std::string& chain) {
+  Lines lines;
+  if (family == kV6) {
+    for (const char* type : {"133", "134", "135", "136", "137"}) {
+      lines.push_back("filter " + chain + ": -p ipv6-icmp -m icmp6 --icmpv6-type " + type + " -j ACCEPT");
+    }
+  }
+  return lines;
+}
+
+// What an isolated host keeps in `chain` before the exceptions: loopback,
+// in IPv6 neighbour discovery, and the DHCP client's exchange.
+Lines Upkeep(types::IPAddressFamily::Type family, const std::string& chain) {
+  const bool in = chain == "vorn_pre_isolation";
+  Lines lines{"filter " + chain + (in ? ": -i lo -j ACCEPT" : ": -o lo -j ACCEPT")};
+  const Lines nd = NeighbourDiscovery(family, chain);
+  lines.insert(lines.end(), nd.begin(), nd.end());
+  const std::string client = family == kV6 ? "546" : "68", server = family == kV6 ? "547" : "67";
+  lines.push_back("filter " + chain + ": -p udp -m udp --sport " + (in ? server : client) + " --dport " +
+                  (in ? client : server) + " -j ACCEPT");
+  return lines;
+}
+
+Lines Concat(std::initializer_list<Lines> parts) {
+  Lines all;
+  for (const auto& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
+const Lines kIsolationJumps = {"filter INPUT: -j vorn_input", "filter vorn_input: -j vorn_pre_isolation",
+                               "filter OUTPUT: -j vorn_output", "filter vorn_output: -j vorn_post_isolation"};
+
+// Isolation cuts the host off on both sides and forwarded traffic through
+// it: each exception and its replies pass, on the host and through it;
+// the host keeps its addresses and neighbours, and those behind a bridge
+// can still find the ones an exception names.
+TEST(ChainLayoutIsolation, ExceptionsPassOnTheHostAndThroughItAndTheHostKeepsItsUpkeep) {
+  const RuleDescription outgoing{.side = Side::Outgoing, .protocol = 17, .remotePorts = PortRange{53, 53},
+                                 .action = IsolationAction{0}};
+  const std::vector<TaggedRule> dynamic{{Web(IsolationAction{0}), "t"}, {outgoing, "u"}};
+  const std::string dnsOut = "-p udp -m udp --dport 53", dnsReplies = "-p udp -m udp --sport 53" + kReplies;
+  for (const auto family : {kV4, kV6}) {
+    EXPECT_EQ(Layout(family, dynamic),
+              Concat({kIsolationJumps,
+                      {"filter FORWARD: -j vorn_forward"}, NeighbourDiscovery(family, "vorn_forward"),
+                      {"filter vorn_forward: " + kIn + " -j ACCEPT tag t",
+                       "filter vorn_forward: " + dnsReplies + " -j ACCEPT tag u",
+                       "filter vorn_forward: " + kOut + kReplies + " -j ACCEPT tag t",
+                       "filter vorn_forward: " + dnsOut + " -j ACCEPT tag u", "filter vorn_forward: -j DROP"},
+                      Upkeep(family, "vorn_pre_isolation"),
+                      {"filter vorn_pre_isolation: " + kIn + " -j ACCEPT tag t",
+                       "filter vorn_pre_isolation: " + dnsReplies + " -j ACCEPT tag u",
+                       "filter vorn_pre_isolation: -j DROP"},
+                      Upkeep(family, "vorn_post_isolation"),
+                      {"filter vorn_post_isolation: " + kOut + kReplies + " -j ACCEPT tag t",
+                       "filter vorn_post_isolation: " + dnsOut + " -j ACCEPT tag u",
+                       "filter vorn_post_isolation: -j DROP"}}))
+        << family;
+  }
+}
+
+// An exception of one family still isolates the other: there only the
+// host's upkeep passes, and nothing is forwarded.
 TEST(ChainLayoutIsolation, AnyIsolationRuleIsolatesBothFamiliesAndSides) {
   RuleDescription exception = Web(IsolationAction{0});
   exception.remote = tools::IpNetwork{tools::ParseIpAddress("10.0.0.0"), 8};
   EXPECT_EQ(Layout(kV6, {{exception, "ni_0x1"}}),
-            (Lines{"filter INPUT: -j vorn_input", "filter vorn_input: -j vorn_pre_isolation",
-                   "filter OUTPUT: -j vorn_output", "filter vorn_output: -j vorn_post_isolation",
-                   "filter vorn_pre_isolation: -i lo -j ACCEPT", "filter vorn_pre_isolation: -j DROP",
-                   "filter vorn_post_isolation: -o lo -j ACCEPT", "filter vorn_post_isolation: -j DROP"}));
+            Concat({kIsolationJumps, {"filter FORWARD: -j vorn_forward"}, NeighbourDiscovery(kV6, "vorn_forward"),
+                    {"filter vorn_forward: -j DROP"},
+                    Upkeep(kV6, "vorn_pre_isolation"), {"filter vorn_pre_isolation: -j DROP"},
+                    Upkeep(kV6, "vorn_post_isolation"), {"filter vorn_post_isolation: -j DROP"}}));
   // ICMP has no IPv6 rule, and so no IPv6 chain.
   EXPECT_EQ(Layout(kV6, {{RuleDescription{.protocol = 1, .action = AccessAction{0}}, "t"}}), Lines{});
 }
