@@ -4,8 +4,9 @@
 # requests and judged by the traffic that still passes to and from the peer,
 # over loopback, and between the peer and a third namespace that the host
 # bridges to the peer's link; by the tables after release; by the events;
-# and across a SIGKILL and a SIGTERM of the host with its state directory
-# kept.
+# across a SIGKILL and a SIGTERM of the host with its state directory
+# kept; and by the re-resolution of a server's name, with the host's timer
+# sped up.
 #
 #   isolation_e2e.sh FIREWALL_HOST
 #
@@ -30,6 +31,12 @@ EXTRA_NAMESPACES+=("$NS_LAN")
 # administration server (port 14000, the agent listening on the host's
 # 15000) and the name server of the host's resolv.conf.
 readonly MGMT_PORT=14000 AGENT_PORT=15000
+# The cloud network's TCP proxy, by name: the name the 11-minute
+# re-resolution follows.
+readonly PROXY_NAME=proxy.isolation.test PROXY_PORT=3128
+# The timer runs this much faster in the re-resolution checks: the
+# re-resolution every 2 s, the firewall's poll every 0.2 s.
+readonly TIMER_SPEEDUP=330
 readonly TCP443_V4='{"remoteAddress":"10.77.0.2","protocol":6,"remotePortRange":{"start":443,"end":443}}'
 readonly TCP443_V6='{"remoteAddress":"fd77::2","protocol":6,"remotePortRange":{"start":443,"end":443}}'
 # No protocol: a port match needs one, so this stands for TCP and UDP.
@@ -42,7 +49,8 @@ start_listeners() {
   start_tcp_listener "$NS_HOST" 8080 host-8080
   start_tcp_listener "$NS_HOST" "$AGENT_PORT" agent-15000
   local port
-  for port in 443 8443 8080 5353 53 "$MGMT_PORT"; do start_tcp_listener "$NS_PEER" "$port" "peer-$port"; done
+  for port in 443 8443 8080 5353 53 3128 "$MGMT_PORT"; do start_tcp_listener "$NS_PEER" "$port" "peer-$port"; done
+  start_tcp_listener "$NS_LAN" 3128 lan-3128
   start_udp_listener "$NS_PEER" 5353 "$DIR/udp-5353.log"
   start_udp_listener "$NS_PEER" 53 "$DIR/udp-53.log"
 }
@@ -74,10 +82,17 @@ bridge_filtering_is() { # 0|1
   [[ $(in_host cat /proc/sys/net/bridge/bridge-nf-call-iptables /proc/sys/net/bridge/bridge-nf-call-ip6tables) == "$1"$'\n'"$1" ]]
 }
 
-# The host's resolver is the peer, in this mount namespace only.
+# The host's resolver is the peer, in this mount namespace only. The cloud
+# proxy's name is answered from a hosts file of the suite's own, which the
+# re-resolution checks rewrite in place (the host reads it on every look-up).
 point_resolver_at_peer() {
   echo "nameserver $P4" >"$DIR/resolv.conf"
   mount --bind "$DIR/resolv.conf" /etc/resolv.conf
+  proxy_resolves_to "$P4"
+  mount --bind "$DIR/hosts" /etc/hosts
+}
+proxy_resolves_to() { # ADDRESS
+  printf '127.0.0.1 localhost\n::1 localhost\n%s %s\n' "$1" "$PROXY_NAME" >"$DIR/hosts"
 }
 
 precheck_network() {
@@ -104,6 +119,7 @@ ports = $AGENT_PORT/tcp/in
 
 [isolation]
 managementServer = $P4:$MGMT_PORT
+cloudProxyTcp = $PROXY_NAME:$PROXY_PORT
 $2
 SETTINGS
 }
@@ -322,8 +338,8 @@ turn_off_checks() {
   isolate 31 0 "$RULES_31"
   isolate 32 2 "[$TCP8443]"
   check "turn-off with clients of kinds 0 and 2: ok, both stopped" ctl_gives '{"cmd":"turn-off"}' 0 '.ok and .stopped == 2 and .stillIsolating == []'
-  check "turn-off started the stop task of kind 0" grep -qF "taskName=TamberNetworkIsolationStop" "$TRACE"
-  check "turn-off started the stop task of kind 2" grep -qF "taskName=RuskNetworkIsolationStop" "$TRACE"
+  check "turn-off started the stop task of kind 0 once" test "$(count_lines "$TRACE" "taskName=TamberNetworkIsolationStop")" -eq 1
+  check "turn-off started the stop task of kind 2 once" test "$(count_lines "$TRACE" "taskName=RuskNetworkIsolationStop")" -eq 1
   check "turn-off ended both sessions" eventually 25 clients_are '[]'
   check "turn-off: HostIsolationCanceled" events_are 1 1
   check "turn-off: the tables are as before the isolation" same_tables_as "$NOT_ISOLATED"
@@ -371,6 +387,33 @@ crash_checks() { # SETTINGS
   check "both released: the tables are as before the isolation" same_tables_as "$NOT_ISOLATED"
 }
 
+reresolutions() { count_lines "$TRACE" "Updated iptables VYX servers"; }
+reresolved_since() { (( $(reresolutions) > $1 )); } # COUNT
+# The re-resolution runs while isolated and the firewall follows the proxy's
+# new address within a period of the timer.
+reresolution_checks() { # SETTINGS
+  proxy_resolves_to "$P4"
+  if ! start_host "$1" --timer-speedup "$TIMER_SPEEDUP"; then
+    not_ok "the host starts with its timer sped up"
+    return 1
+  fi
+  isolate 41 0 '[]'
+  check "the cloud proxy by name: host -> its TCP $PROXY_PORT at $P4 connects" \
+    tcp_answer "$NS_HOST" "$P4" "$PROXY_PORT" "peer-$PROXY_PORT"
+  local before
+  before=$(reresolutions)
+  proxy_resolves_to "$L4"
+  check "re-resolution: the proxy's new address is taken up while isolated" \
+    eventually 50 reresolved_since "$before"
+  check "re-resolution: host -> the proxy's new address connects" \
+    tcp_answer "$NS_HOST" "$L4" "$PROXY_PORT" "lan-$PROXY_PORT"
+  check "re-resolution: the proxy's old address is blocked" \
+    tcp_no_answer "$NS_HOST" "$P4" "$PROXY_PORT" "peer-$PROXY_PORT"
+  release 41
+  check "released, timer sped up: the tables are as before the isolation" same_tables_as "$NOT_ISOLATED"
+  check "SIGTERM: the host exits cleanly" stop_host TERM
+}
+
 main() {
   if ! setup_network; then
     touch "$DIR/finished"
@@ -405,6 +448,7 @@ main() {
   write_settings "$settings" "backends = iptables"
   if sigterm_checks "$settings" && crash_checks "$settings"; then
     check "SIGTERM: the host exits cleanly" stop_host TERM
+    reresolution_checks "$settings"
     check "after exit the tables are as before the start" same_tables_as "$BASELINE"
   fi
   touch "$DIR/finished"
