@@ -66,11 +66,13 @@ std::string Shown(const std::string& text) {
 }  // namespace
 
 BridgeController::BridgeController(oro::RefPtr<oro::ITracer> tracer, std::filesystem::path switchDirectory,
-                                   oro::RefPtr<IUeventsSubscription> uevents)
+                                   oro::RefPtr<IUeventsSubscription> uevents,
+                                   oro::RefPtr<oro::IStorageNode> savedTexts)
     : m_tracer(std::move(tracer)),
       m_iptablesSwitch(switchDirectory / kIptablesSwitch),
       m_ip6tablesSwitch(switchDirectory / kIp6tablesSwitch),
-      m_uevents(std::move(uevents)) {}
+      m_uevents(std::move(uevents)),
+      m_keptTexts(std::move(savedTexts)) {}
 
 void BridgeController::FinalRelease() noexcept {
   tracing::Guarded(m_tracer, "FinalRelease", [&] {
@@ -153,12 +155,15 @@ result_t BridgeController::ApplyNfCalls() {
     return oro::errOk;
   }
   const bool value = ChooseNfCallsValue();
+  const bool firstWrite = m_savedNfCallsIpv4.empty() && m_savedNfCallsIpv6.empty();
+  if (firstWrite) AdoptTextsOfKilledRun();
   result_t r = QEL_CHECKED_CALL(m_tracer, SetSysctl(m_iptablesSwitch, value, m_savedNfCallsIpv4),
                                 "Cannot set bridge-nf-call-iptables");
   if (ORO_SUCCEEDED(r)) {
     r = QEL_CHECKED_CALL(m_tracer, SetSysctl(m_ip6tablesSwitch, value, m_savedNfCallsIpv6),
                          "Cannot set bridge-nf-call-ip6tables");
   }
+  if (firstWrite) KeepSavedTexts();
   return r;
 }
 
@@ -208,6 +213,45 @@ void BridgeController::RestoreSavedNfCalls() {
   }
   m_savedNfCallsIpv4.clear();
   m_savedNfCallsIpv6.clear();
+  ForgetKeptTexts();
+}
+
+// A run killed while it held the switches left them with its own value and
+// its saved texts in storage: those, not what the switches hold now, are
+// what the last client's leaving must bring back. Called with m_mutex held.
+void BridgeController::AdoptTextsOfKilledRun() {
+  if (!m_keptTexts) return;
+  oro::SerValue kept;
+  if (ORO_FAILED(m_keptTexts->GetValue(kept))) return;
+  const auto* fields = std::get_if<oro::SerValue::Fields>(&kept.value);
+  if (!fields) return;
+  for (const auto& [name, value] : *fields) {
+    const auto* text = std::get_if<std::string>(&value.value);
+    if (!text || text->empty()) continue;
+    if (name == kIptablesSwitch) m_savedNfCallsIpv4 = *text;
+    if (name == kIp6tablesSwitch) m_savedNfCallsIpv6 = *text;
+  }
+  m_tracer.Write(Warning, "Bridge switches were left set by an earlier run: restoring later to m_savedNfCallsIpv4=",
+                 Shown(m_savedNfCallsIpv4), ", m_savedNfCallsIpv6=", Shown(m_savedNfCallsIpv6));
+}
+
+// Called with m_mutex held. A failure costs only the crash case: traced.
+void BridgeController::KeepSavedTexts() {
+  if (!m_keptTexts) return;
+  oro::SerValue::Fields fields{{kIptablesSwitch, oro::SerValue{m_savedNfCallsIpv4}},
+                               {kIp6tablesSwitch, oro::SerValue{m_savedNfCallsIpv6}}};
+  result_t r = m_keptTexts->SetValue(oro::SerValue{std::move(fields)});
+  if (ORO_SUCCEEDED(r)) r = m_keptTexts->Flush();
+  if (ORO_FAILED(r)) m_tracer.Write(tracing::Error, "Cannot keep the bridge switches' texts: ", tracing::FormatResult(r));
+}
+
+void BridgeController::ForgetKeptTexts() {
+  if (!m_keptTexts) return;
+  result_t r = m_keptTexts->Clear();
+  if (ORO_SUCCEEDED(r)) r = m_keptTexts->Flush();
+  if (ORO_FAILED(r)) {
+    m_tracer.Write(tracing::Error, "Cannot forget the bridge switches' kept texts: ", tracing::FormatResult(r));
+  }
 }
 
 // Called with m_clientCallsMutex held and m_mutex free: Unsubscribe waits

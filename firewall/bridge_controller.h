@@ -3,7 +3,9 @@
 // to pass the iptables chains. The value in force follows the requests: the
 // newest forced one wins, else the newest one. The texts the switches held
 // before the first write are saved and written back when the last client
-// leaves. The switch files exist only while the bridge netfilter module is
+// leaves; with a storage node, they are also kept there while the switches
+// are held, so that a run killed before it could write them back hands them
+// to the next one. The switch files exist only while the bridge netfilter module is
 // loaded, so while it has clients the controller follows kernel uevents and
 // writes the value again when that module appears.
 #pragma once
@@ -15,6 +17,8 @@
 #include <vector>
 
 #include "firewall/bridge_interfaces.h"
+#include "oro/ref_ptr.h"
+#include "oro/storage.h"
 #include "qel_common/object_impl.h"
 #include "qel_tracing/tracer.h"
 
@@ -28,9 +32,10 @@ class BridgeController : public ObjectImpl<BridgeController, IBridgeController, 
   static constexpr const char* kIp6tablesSwitch = "bridge-nf-call-ip6tables";
 
   // `switchDirectory` holds the two switch files; `uevents` tells when the
-  // bridge netfilter module is loaded.
+  // bridge netfilter module is loaded; `savedTexts`, when given, keeps the
+  // switches' own texts across a crash.
   BridgeController(oro::RefPtr<oro::ITracer> tracer, std::filesystem::path switchDirectory,
-                   oro::RefPtr<IUeventsSubscription> uevents);
+                   oro::RefPtr<IUeventsSubscription> uevents, oro::RefPtr<oro::IStorageNode> savedTexts = {});
 
   // Clients still registered lose their requests: the switches get their
   // saved texts back and the uevent subscription ends, so no notification
@@ -55,6 +60,9 @@ class BridgeController : public ObjectImpl<BridgeController, IBridgeController, 
   oro::result_t SetSysctl(const std::filesystem::path& file, bool value, std::string& saved);
   oro::result_t ResetSysctl(const std::filesystem::path& file, const std::string& saved);
   void RestoreSavedNfCalls();
+  void AdoptTextsOfKilledRun();
+  void KeepSavedTexts();
+  void ForgetKeptTexts();
   oro::result_t FollowUevents(bool follow);
   std::string HistoryText() const;
 
@@ -62,6 +70,7 @@ class BridgeController : public ObjectImpl<BridgeController, IBridgeController, 
   const std::filesystem::path m_iptablesSwitch;
   const std::filesystem::path m_ip6tablesSwitch;
   const oro::RefPtr<IUeventsSubscription> m_uevents;
+  const oro::RefPtr<oro::IStorageNode> m_keptTexts;  // may be empty
 
   // Serialises the client calls, so that the uevent subscription follows
   // the requests in the order they came. Taken before m_mutex and never by

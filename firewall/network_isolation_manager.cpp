@@ -192,11 +192,14 @@ result_t NetworkIsolationManager::StartBackend(std::uint32_t clientId, const Net
 
   m_tracer.Write(Warning, "first try eBPF backend");
   oro::RefPtr<INetworkIsolationBackend> backend;
-  if (ORO_SUCCEEDED(TryBackend(kEbpfBackendName, clientId, rules, backend))) {
+  const result_t ebpf = TryBackend(kEbpfBackendName, clientId, rules, backend);
+  if (ORO_SUCCEEDED(ebpf)) {
     m_backend = std::move(backend);
     return oro::errOk;
   }
-  m_tracer.Write(Warning, "eBPF backend failed, fallback to iptables");
+  // Turned off by the host's settings is a choice, not a failure.
+  m_tracer.Write(Warning, ebpf == oro::errInvalidState ? "eBPF backend is turned off, using iptables"
+                                                       : "eBPF backend failed, fallback to iptables");
   const result_t r = TryBackend(kIptablesBackendName, clientId, rules, backend);
   if (ORO_FAILED(r)) {
     m_tracer.Write(Error, "cannot startup network isolation with any backend, result = ", tracing::FormatResult(r));
@@ -217,9 +220,16 @@ result_t NetworkIsolationManager::TryBackend(const char* name, std::uint32_t cli
     return oro::errNotImplemented;
   }
   oro::RefPtr<INetworkIsolationBackend> backend;
-  result_t r = QEL_CHECKED_CALL(m_tracer, m_backends->CreateBackend(name, backend),
-                                std::string("Cannot create '") + name + "' network isolation backend");
-  if (ORO_FAILED(r)) return r;
+  result_t r = m_backends->CreateBackend(name, backend);
+  if (r == oro::errInvalidState) {
+    m_tracer.Write(Warning, "Network isolation backend '", name, "' is turned off by the settings");
+    return r;
+  }
+  if (ORO_FAILED(r)) {
+    QEL_TRACE_FAILED_CALL(m_tracer, "m_backends->CreateBackend(name, backend)", r,
+                          std::string("Cannot create '") + name + "' network isolation backend");
+    return r;
+  }
   r = QEL_CHECKED_CALL(m_tracer, backend->UpdateBuiltInSession(m_builtIn), "Cannot update built-in session data");
   if (ORO_FAILED(r)) return r;
   r = QEL_CHECKED_CALL(m_tracer, backend->CreateSession(clientId, rules),

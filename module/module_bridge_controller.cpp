@@ -6,6 +6,8 @@
 namespace qel::module {
 namespace {
 
+constexpr const char* kSavedTextsNodeName = "qel.firewall.BridgeController";
+
 oro::RefPtr<oro::ITracer> TracerOf(oro::IServiceLocator* locator) {
   oro::result_t ignored;
   return TryGetInterface<oro::ITracer>(locator, ignored);
@@ -21,9 +23,20 @@ oro::RefPtr<firewall::IUeventsSubscription> UeventSource(oro::IServiceLocator* l
   return oro::RefPtr<firewall::IUeventsSubscription>::Adopt(own.Detach());
 }
 
+// Where the switches' own texts wait while they are held, for a run that
+// follows a killed one; none when the host has no storage.
+oro::RefPtr<oro::IStorageNode> SavedTextsNode(oro::IServiceLocator* locator) {
+  oro::result_t lookup;
+  const auto storage = TryGetInterface<oro::IStorage>(locator, lookup);
+  oro::RefPtr<oro::IStorageNode> root, node;
+  if (!storage || ORO_FAILED(storage->GetRootNode(root.Out()))) return {};
+  if (ORO_FAILED(root->GetOrAppendNode(kSavedTextsNodeName, node.Out()))) return {};
+  return node;
+}
+
 }  // namespace
 
 ModuleBridgeController::ModuleBridgeController(oro::IServiceLocator* locator)
-    : BridgeController(TracerOf(locator), kSwitchDirectory, UeventSource(locator)) {}
+    : BridgeController(TracerOf(locator), kSwitchDirectory, UeventSource(locator), SavedTextsNode(locator)) {}
 
 }  // namespace qel::module

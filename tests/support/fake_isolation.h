@@ -62,7 +62,8 @@ class FakeIsolationBackend final : public ObjectImpl<FakeIsolationBackend, firew
 };
 
 // Makes one backend per name, kept so that a test can look at it; a name in
-// `refused` is not made (errNotImplemented, as a build without it answers).
+// `refused` is not made (errNotImplemented, as a build without it answers),
+// one in `turnedOff` is refused as the host's settings leave it out.
 class FakeBackendFactory final : public ObjectImpl<FakeBackendFactory, firewall::INetworkIsolationBackendFactory> {
  public:
   oro::result_t CreateBackend(const std::string& name,
@@ -70,6 +71,7 @@ class FakeBackendFactory final : public ObjectImpl<FakeBackendFactory, firewall:
     std::lock_guard lock(m_mutex);
     asked.push_back(name);
     if (refused.count(name)) return oro::errNotImplemented;
+    if (turnedOff.count(name)) return oro::errInvalidState;
     auto backend = oro::RefPtr<FakeIsolationBackend>::Adopt(new FakeIsolationBackend(name));
     if (failSessions.count(name)) backend->failCreate = oro::errUnexpected;
     made[name] = backend;
@@ -83,6 +85,7 @@ class FakeBackendFactory final : public ObjectImpl<FakeBackendFactory, firewall:
   }
 
   std::set<std::string> refused;       // not made at all
+  std::set<std::string> turnedOff;     // left out by the host's settings
   std::set<std::string> failSessions;  // made, but refuse every session
   std::vector<std::string> asked;
   std::map<std::string, oro::RefPtr<FakeIsolationBackend>> made;

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/fake_framework.h"
+#include "support/fake_storage.h"
 #include "support/fake_uevents.h"
 
 namespace qel::test {
@@ -93,6 +94,39 @@ TEST_F(BridgeControllerTest, ValueInForceFollowsTheChoiceRuleAndTheSavedTextsCom
   ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientA, kOff, kUnforced), oro::errOk);
   ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientA), oro::errOk);
   EXPECT_EQ(Switches(), "1\n|0\n");
+}
+
+// A run killed while it held the switches never wrote them back; the next
+// run, over the same storage, brings back what they held before the killed
+// run, not the value that run left.
+TEST_F(BridgeControllerTest, TextsFromBeforeAKilledRunComeBackThroughStorage) {
+  PutSwitches("0\n", "0\n");
+  auto storage = std::make_shared<FakeStorage>();
+  const auto node = [&] {
+    auto root = Make<FakeStorageNode>(storage);
+    oro::RefPtr<oro::IStorageNode> child;
+    EXPECT_EQ(root->GetOrAppendNode("bridge", child.Out()), oro::errOk);
+    return child;
+  };
+  oro::RefPtr<BridgeController> killed;
+  CreateInstance(killed, oro::RefPtr<oro::ITracer>::Share(tracer.Get()), directory, oro::RefPtr<IUeventsSubscription>{},
+                 node());
+  ASSERT_EQ(killed->AddBridgeNfCallsClient(kClientA, kOn, kForced), oro::errOk);
+  ASSERT_EQ(Switches(), "1\n|1\n");
+  storage->Restart();  // only what was flushed survives the kill
+
+  CreateInstance(controller, oro::RefPtr<oro::ITracer>::Share(tracer.Get()), directory,
+                 oro::RefPtr<IUeventsSubscription>{}, node());
+  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientA, kOn, kForced), oro::errOk);
+  ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientA), oro::errOk);
+  EXPECT_EQ(Switches(), "0\n|0\n");
+
+  // Given back: a later round takes the switches' texts as they are then.
+  PutSwitches("1\n", "1\n");
+  ASSERT_EQ(controller->AddBridgeNfCallsClient(kClientA, kOff, kForced), oro::errOk);
+  ASSERT_EQ(controller->DeleteBridgeNfCallsClient(kClientA), oro::errOk);
+  EXPECT_EQ(Switches(), "1\n|1\n");
+  killed.Reset();
 }
 
 TEST_F(BridgeControllerTest, DuplicateOrUnknownClientIsRefusedWithNothingChanged) {

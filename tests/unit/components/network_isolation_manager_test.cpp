@@ -121,6 +121,16 @@ TEST_F(NetworkIsolationManagerTest, EbpfThatRefusesTheSessionAlsoFallsBack) {
   EXPECT_EQ(Iptables().Sessions().count(31), 1u);
 }
 
+TEST_F(NetworkIsolationManagerTest, EbpfTurnedOffBySettingsIsNoFailure) {
+  m_factory->refused.clear();
+  m_factory->turnedOff.insert("ebpf");
+  auto manager = Start();
+  ASSERT_EQ(manager->CreateSession(31, Https("10.77.0.2")), oro::errOk);
+  EXPECT_TRUE(m_tracer->Contains("eBPF backend is turned off, using iptables"));
+  EXPECT_FALSE(m_tracer->Contains("eBPF backend failed"));
+  EXPECT_EQ(Report(*manager).backend, "iptables");
+}
+
 TEST_F(NetworkIsolationManagerTest, NoBackendMeansNoSessionAndNoEvent) {
   m_factory->failSessions.insert("iptables");
   auto manager = Start();
