@@ -28,6 +28,7 @@ FUZZ_SECONDS ?= 60
 BUILD_DIRS := build/default build/asan build/tsan build/aarch64 build/fuzz build/bench
 BENCH_ARGS ?=
 NFLOG_BENCH_ARGS ?=
+ISOLATION_BENCH_ARGS ?=
 
 .PHONY: all deps deps-aarch64 build build-asan build-tsan test test-default test-asan test-tsan \
         check-exports demo bench aarch64 build-aarch64 test-aarch64 check-arch-aarch64 clean
@@ -89,14 +90,17 @@ demo: build
 	bash scripts/demo.sh build/default
 
 # The module against the bare iptables tools, then the NFLOG listener under
-# bursts at rising rates, in network namespaces (root).
+# bursts at rising rates, then how fast isolation takes hold and lets go
+# through firewall-host, in network namespaces (root).
 #   make bench BENCH_ARGS="--scales 10000 --backends nft --repeat 5"
 #   make bench NFLOG_BENCH_ARGS="--rates 50000,max --backends nft"
+#   make bench ISOLATION_BENCH_ARGS="--exclusions 10,1000,5000 --isolation-backends ebpf,iptables"
 bench: deps
 	$(CMAKE) -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DQEL_BUILD_TESTS=OFF
-	$(CMAKE) --build build/bench --target firewall_bench nflog_bench -j $(JOBS)
+	$(CMAKE) --build build/bench --target firewall_bench nflog_bench isolation_bench firewall-host firewall -j $(JOBS)
 	./build/bench/bench/firewall_bench $(BENCH_ARGS)
 	./build/bench/bench/nflog_bench $(NFLOG_BENCH_ARGS)
+	./build/bench/bench/isolation_bench --host build/bench/firewall-host $(ISOLATION_BENCH_ARGS)
 
 # --- AArch64 (cross + qemu-user) -----------------------------------------------
 

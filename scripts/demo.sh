@@ -5,8 +5,9 @@
 # administration agent's port stays reachable until openOstraPorts is turned
 # off; a rule is added and removed through `firewall-host ctl`; a rule is
 # deleted by hand and repaired; the peer's attempts on logging rules give
-# network-activity lines; and the host stops, leaving the tables as
-# they were. Uses the machine's default iptables backend; touches nothing
+# network-activity lines; a client isolates the host with one exclusion,
+# which outlives a SIGKILL of the host and comes back with its restart,
+# then releases it; and the host stops, leaving the tables as they were. Uses the machine's default iptables backend; touches nothing
 # outside the two namespaces it creates and its scratch directory.
 #
 #   scripts/demo.sh BUILD_DIR
@@ -212,19 +213,36 @@ show_tables
 for i in $(seq 25); do [[ $(tcp "$NS_PEER" "$H4" 22 ssh) == connects ]] && break; sleep 0.2; done
 probe_without_firewall
 
-heading "Starting firewall-host"
-# Not through in_host: a function in the background runs in a subshell, and
-# $! would be that shell rather than the host. `ip netns exec` replaces
-# itself with the command.
-ip netns exec "$NS_HOST" "$HOST_BIN" run "$SETTINGS" --trace-level 800 --trace-file "$WORK/trace" \
-  --control "$CONTROL" >"$WORK/events" 2>"$WORK/stderr" &
-HOST_PID=$!
-if ! wait_for "$WORK/stderr" "control socket "; then
+# Starts the host in its namespace and waits for its control socket. A
+# restart appends to the same files; the state directory, which keeps the
+# isolation across restarts, is the demo's own.
+start_host() {
+  touch "$WORK/stderr" "$WORK/events"
+  local lines_before started
+  lines_before=$(wc -l <"$WORK/stderr")
+  started=$(grep -c "control socket " "$WORK/stderr" || true)
+  # Not through in_host: a function in the background runs in a subshell,
+  # and $! would be that shell rather than the host. `ip netns exec`
+  # replaces itself with the command.
+  ip netns exec "$NS_HOST" "$HOST_BIN" run "$SETTINGS" --trace-level 800 --trace-file "$WORK/trace" \
+    --control "$CONTROL" --state-dir "$WORK/state" >>"$WORK/events" 2>>"$WORK/stderr" &
+  HOST_PID=$!
+  local i
+  for ((i = 0; i < 100; i++)); do
+    if (( $(grep -c "control socket " "$WORK/stderr" || true) > started )); then
+      tail -n +"$((lines_before + 1))" "$WORK/stderr" | indent
+      return 0
+    fi
+    kill -0 "$HOST_PID" 2>/dev/null || break
+    sleep 0.1
+  done
   echo "demo: the host did not start:" >&2
   cat "$WORK/stderr" >&2
   exit 1
-fi
-indent <"$WORK/stderr"
+}
+
+heading "Starting firewall-host"
+start_host
 
 heading "Connections from the peer and from the host"
 probe_table
@@ -338,11 +356,86 @@ fi
 echo "    # firewall-host ctl '{\"cmd\":\"status\"}' | jq -c .packetLog"
 "$HOST_BIN" ctl --control "$CONTROL" '{"cmd":"status"}' | jq -c .packetLog | indent
 
+# --- network isolation ----------------------------------------------------------------
+
+# Each: label, outcome while isolated, outcome otherwise, command.
+ISO_PROBES=(
+  "host -> peer  TCP 80 (excluded)   IPv4|connects|connects|tcp $NS_HOST $P4 80 web"
+  "host -> peer  TCP 80              IPv6|blocked|connects|tcp $NS_HOST $P6 80 web"
+  "peer -> host  TCP 22 (ssh)        IPv4|blocked|connects|tcp $NS_PEER $H4 22 ssh"
+  "peer -> host  ping                IPv4|no answer|answers|icmp $NS_PEER $H4"
+  "host loopback TCP 8080 (app)      IPv4|connects|connects|tcp $NS_HOST 127.0.0.1 8080 app"
+)
+isolation_probes() { # isolated|open
+  local entry label when_isolated when_open cmd expected
+  for entry in "${ISO_PROBES[@]}"; do
+    IFS='|' read -r label when_isolated when_open cmd <<<"$entry"
+    expected=$when_open
+    [[ $1 == isolated ]] && expected=$when_isolated
+    # shellcheck disable=SC2086 # the command is words by design
+    expect "$label" "$($cmd)" "$expected"
+  done
+}
+show_isolation() {
+  echo "    # firewall-host ctl '{\"cmd\":\"isolation\"}' | jq -c '{isolated, backend, clients}'"
+  "$HOST_BIN" ctl --control "$CONTROL" '{"cmd":"isolation"}' | jq -c '{isolated, backend, clients}' | indent
+}
+isolation_events_since() { # LINE
+  tail -n +"$(($1 + 1))" "$WORK/events" | grep -F '"event":"HostIsolat' | indent || true
+}
+
+heading "Network isolation: client 31 cuts the host off, excluding host -> peer TCP 80 over IPv4"
+save_tables >"$WORK/before-isolation"
+events_before=$(wc -l <"$WORK/events")
+ctl '{"cmd":"isolate","client":31,"kind":0,"rules":[{"remoteAddress":"10.77.0.2","protocol":6,"remotePortRange":{"start":80,"end":80}}]}' ||
+  { echo "demo: the host refused to isolate" >&2; exit 1; }
+echo "    the manager's choice of backend, from the trace:"
+grep -oF "eBPF backend failed, fallback to iptables" "$WORK/trace" | head -n 1 | indent || true
+echo "    events:"
+isolation_events_since "$events_before"
+isolation_probes isolated
+echo "    the isolation chains (IPv4):"
+{ in_host iptables -S vorn_pre_isolation; in_host iptables -S vorn_post_isolation; } 2>/dev/null | indent
+show_isolation
+
+heading "firewall-host killed with SIGKILL: the isolation stays in the kernel"
+kill -KILL "$HOST_PID"
+wait "$HOST_PID" 2>/dev/null || true
+HOST_PID=
+isolation_probes isolated
+
+heading "firewall-host started again: the session comes back from its state directory"
+events_before=$(wc -l <"$WORK/events")
+start_host
+for ((i = 0; i < 50; i++)); do
+  "$HOST_BIN" ctl --control "$CONTROL" '{"cmd":"isolation"}' | jq -e '.clients | length == 1' >/dev/null 2>&1 && break
+  sleep 0.1
+done
+show_isolation
+echo "    events:"
+isolation_events_since "$events_before"
+isolation_probes isolated
+
+heading "Client 31 releases the host"
+events_before=$(wc -l <"$WORK/events")
+ctl '{"cmd":"release","client":31}' || { echo "demo: the host refused the release" >&2; exit 1; }
+echo "    events:"
+isolation_events_since "$events_before"
+isolation_probes open
+if save_tables | cmp -s - "$WORK/before-isolation"; then
+  echo "    iptables-save and ip6tables-save: identical to before the isolation"
+else
+  echo "    ${red}the tables differ from before the isolation:${reset}"
+  save_tables | diff -u "$WORK/before-isolation" - | indent || true
+  MISMATCHES=$((MISMATCHES + 1))
+fi
+
 heading "Stopping firewall-host (SIGTERM)"
+stderr_before=$(wc -l <"$WORK/stderr")
 kill -TERM "$HOST_PID"
 wait "$HOST_PID" || echo "    ${red}the host exited with status $?${reset}"
 HOST_PID=
-tail -n +2 "$WORK/stderr" | indent
+tail -n +"$((stderr_before + 1))" "$WORK/stderr" | indent
 
 heading "Tables in the host namespace after the stop"
 show_tables

@@ -144,6 +144,8 @@ e2e_inner_setup() {
   source "$(dirname "${BASH_SOURCE[0]}")/../../scripts/netns-pair.sh"
   HOST_PID=
   HOST_RUN=0
+  # Namespaces a suite adds beyond the pair; cleaned up with the pair.
+  EXTRA_NAMESPACES=()
   BASELINE=$DIR/baseline.save
   mkdir -p "$DIR"
   : >"$RESULTS"
@@ -171,7 +173,7 @@ cleanup() {
   disown -a 2>/dev/null || true
   [[ -n $HOST_PID ]] && { kill -KILL "$HOST_PID" 2>/dev/null || true; }
   local ns pid
-  for ns in "$NS_HOST" "$NS_PEER"; do
+  for ns in "$NS_HOST" "$NS_PEER" "${EXTRA_NAMESPACES[@]}"; do
     # Only this suite's listeners and hosts live in these namespaces.
     for pid in $(ip netns pids "$ns" 2>/dev/null); do kill -KILL "$pid" 2>/dev/null || true; done
     ip netns del "$ns" 2>/dev/null || true
@@ -248,11 +250,12 @@ eventually() { # TRIES COMMAND...
 }
 
 UDP_SEQ=0
-udp_send() { # ADDRESS PORT TOKEN
-  local target="UDP4-SENDTO:$1:$2"
-  [[ $1 == *:* ]] && target="UDP6-SENDTO:[$1]:$2"
-  in_peer socat -u STDIN "$target" <<<"$3" 2>/dev/null || true
+udp_send_from() { # NS ADDRESS PORT TOKEN
+  local target="UDP4-SENDTO:$2:$3"
+  [[ $2 == *:* ]] && target="UDP6-SENDTO:[$2]:$3"
+  ip netns exec "$1" socat -u STDIN "$target" <<<"$4" 2>/dev/null || true
 }
+udp_send() { udp_send_from "$NS_PEER" "$@"; }
 file_has() { grep -qxF "$2" "$1"; }
 wait_file_has() { # FILE LINE TRIES
   eventually "$3" file_has "$1" "$2"
@@ -270,6 +273,12 @@ udp_blocked() {
   udp_send "$1" "$2" "datagram-$UDP_SEQ"
   sleep 1
   ! file_has "$3" "datagram-$UDP_SEQ"
+}
+# udp_reaches_from NS ADDRESS PORT LOGFILE: the same, sent from NS.
+udp_reaches_from() {
+  UDP_SEQ=$((UDP_SEQ + 1))
+  udp_send_from "$1" "$2" "$3" "datagram-$UDP_SEQ"
+  wait_file_has "$4" "datagram-$UDP_SEQ" 15
 }
 
 # Saves of both families with what differs between two identical states
