@@ -99,6 +99,11 @@ class Session {
     m_locator->Register(m_ostraPortsObject.Get());
     m_ostraPorts = Require<firewall::IOstraPorts>(m_ostraPortsObject, "IOstraPorts");
     if (loaded.agentPorts && !SetAgentPorts(*loaded.agentPorts)) return false;
+    // Isolation recovers its sessions before the task's first
+    // synchronisation: after a crash, that synchronisation would otherwise
+    // find the isolation rules the killed run left unwanted, and take them
+    // away until the recovery puts them back.
+    CreateIsolation();
 
     CreateQueueQuery();
 
@@ -122,7 +127,6 @@ class Session {
     m_started = true;
     m_err << "firewall-host: firewall task started" << std::endl;
     if (loaded.lumraHostType) StartLumraExclusions(*loaded.lumraHostType);
-    CreateIsolation();
     return true;
   }
 

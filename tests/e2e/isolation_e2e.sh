@@ -366,6 +366,10 @@ sigterm_checks() { # SETTINGS
   check "backends = iptables: the eBPF backend is turned off, not failed" ebpf_turned_off
 }
 
+no_ping_answer() { # PING_OUTPUT
+  grep -q ' 0 received' "$1" || { sed 's/^/#   /' "$1"; return 1; }
+}
+
 # SIGKILL leaves the host isolated; a new start recovers every session.
 crash_checks() { # SETTINGS
   local isolated=$DIR/isolated.rules
@@ -374,10 +378,17 @@ crash_checks() { # SETTINGS
   check "killed with SIGKILL: the host stays isolated" tcp_no_answer "$NS_PEER" "$H4" 22 host-22
   check "killed with SIGKILL: the exclusions stay" tcp_answer "$NS_HOST" "$P4" 443 peer-443
 
+  # The peer pings all through the new start: the takeover must not let one
+  # packet through.
+  ip netns exec "$NS_PEER" ping -n -q -i 0.01 -w 6 "$H4" >"$DIR/restart.ping" 2>&1 &
+  local pinger=$!
   if ! start_host "$1"; then
+    wait "$pinger" || true
     not_ok "the host starts again after SIGKILL"
     return 1
   fi
+  wait "$pinger" || true
+  check "restarted: not one packet passed while the new start took over" no_ping_answer "$DIR/restart.ping"
   check "restarted: both sessions recovered from the state directory" eventually 25 clients_are '[31,32]'
   check "restarted: isolated, peer -> host TCP 22 blocked" tcp_no_answer "$NS_PEER" "$H4" 22 host-22
   check "restarted: the recovered exclusions hold" both_exclusions_hold
