@@ -75,6 +75,9 @@ inline constexpr iid_t INetworkIsolationBackendFactory = 0x4c95d7a2;
 inline constexpr iid_t INetworkIsolationSettings = 0x0a4e7c39;
 inline constexpr iid_t INetworkIsolationFacade = 0x61f3a8e5;
 inline constexpr iid_t INetworkIsolationStateProvider = 0x38b7e21f;
+// Traffic-control hooks of the eBPF isolation
+inline constexpr iid_t IQdisc = 0x2d4f9a61;
+inline constexpr iid_t IQdiscController = 0x6e1b3c85;
 // Host services of the virtualisation mode
 inline constexpr iid_t ILumraHostType = 0x6a3d18e9;
 inline constexpr iid_t ILumraPortsFile = 0x3f0c7b52;
