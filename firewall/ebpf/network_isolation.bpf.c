@@ -323,7 +323,8 @@ static __always_inline int excluded(const struct packet *p) {
 }
 
 static __always_inline int verdict(const struct packet *p) {
-  if (!p->non_first_fragment && always_passes(p)) return TC_ACT_OK;
+  /* Later fragments have no transport header, so never pass as these. */
+  if (always_passes(p)) return TC_ACT_OK;
   return excluded(p) ? TC_ACT_OK : TC_ACT_SHOT;
 }
 

@@ -78,13 +78,25 @@ PacketBuilder& PacketBuilder::Ipv6(const std::string& source, const std::string&
 
 PacketBuilder& PacketBuilder::Ipv6Extension(std::uint8_t type, std::uint8_t nextHeader, std::size_t length) {
   if (length % 8 != 0 || length == 0 || length > 2048) throw std::invalid_argument("extension header: a multiple of 8");
-  std::vector<std::uint8_t> h(length, 0);
+  // One padding option (PadN) fills the rest. Its data is ignored by
+  // receivers; "no next header" there makes a reader that misjudges the
+  // header's length stop instead of finding a plausible header.
+  std::vector<std::uint8_t> h(length, kNoNextHeader);
   h[0] = nextHeader;
   h[1] = static_cast<std::uint8_t>(length / 8 - 1);
-  // Padding options (PadN) fill the rest, so the header is well formed.
   h[2] = 1;
   h[3] = static_cast<std::uint8_t>(length - 4);
   Append(type == kRouting ? "ipv6 routing" : type == kHopByHop ? "ipv6 hop-by-hop" : "ipv6 options", h);
+  return *this;
+}
+
+PacketBuilder& PacketBuilder::Ipv6Authentication(std::uint8_t nextHeader, std::size_t length) {
+  if (length % 4 != 0 || length < 12 || length > 1028) throw std::invalid_argument("authentication header: a multiple of 4");
+  std::vector<std::uint8_t> h(length, kNoNextHeader);
+  h[0] = nextHeader;
+  h[1] = static_cast<std::uint8_t>(length / 4 - 2);
+  h[2] = h[3] = 0;
+  Append("ipv6 authentication", h);
   return *this;
 }
 

@@ -33,6 +33,9 @@ class PacketBuilder {
   static constexpr std::uint8_t kRouting = 43;
   static constexpr std::uint8_t kFragment = 44;
   static constexpr std::uint8_t kDestinationOptions = 60;
+  static constexpr std::uint8_t kAuthentication = 51;
+  // IPv6 "no next header", which the padding of extension headers repeats.
+  static constexpr std::uint8_t kNoNextHeader = 59;
 
   PacketBuilder& Ethernet(std::uint16_t etherType);
   PacketBuilder& Vlan(std::uint16_t innerEtherType);
@@ -46,6 +49,8 @@ class PacketBuilder {
   // An options-type extension header (hop-by-hop, routing, destination
   // options) of `length` bytes, a multiple of 8.
   PacketBuilder& Ipv6Extension(std::uint8_t type, std::uint8_t nextHeader, std::size_t length = 8);
+  // An authentication header of `length` bytes, a multiple of 4, at least 12.
+  PacketBuilder& Ipv6Authentication(std::uint8_t nextHeader, std::size_t length = 16);
   PacketBuilder& Ipv6Fragment(std::uint8_t nextHeader, std::uint16_t fragmentOffset, bool moreFragments);
   PacketBuilder& Tcp(std::uint16_t sourcePort, std::uint16_t destinationPort);
   PacketBuilder& Udp(std::uint16_t sourcePort, std::uint16_t destinationPort);

@@ -389,6 +389,8 @@ TEST_F(IsolationClassifierTest, OptionsExtensionHeadersAndTagsAreWalkedToTheTran
       {"hop-by-hop, routing, destination options", Hook::Ingress,
        v6().Ipv6(kRemote6, kLocal6, P::kHopByHop).Ipv6Extension(P::kHopByHop, P::kRouting, 16).Ipv6Extension(P::kRouting, P::kDestinationOptions, 24)
            .Ipv6Extension(P::kDestinationOptions, P::kTcp).Tcp(443, 40000).Build(), kPass},
+      {"authentication header", Hook::Ingress,
+       v6().Ipv6(kRemote6, kLocal6, P::kAuthentication).Ipv6Authentication(P::kTcp, 20).Tcp(443, 40000).Build(), kPass},
       {"extension headers, other port", Hook::Ingress,
        v6().Ipv6(kRemote6, kLocal6, P::kHopByHop).Ipv6Extension(P::kHopByHop, P::kTcp, 16).Tcp(444, 40000).Build(), kDrop},
       {"neighbour discovery behind hop-by-hop", Hook::Ingress,
@@ -422,7 +424,8 @@ TEST_F(IsolationClassifierTest, OptionsExtensionHeadersAndTagsAreWalkedToTheTran
 // the Ethernet header.
 TEST_F(IsolationClassifierTest, PacketsEndingInsideAHeaderAreDropped) {
   Policy policy;
-  policy.remote = {{Prefix(kRemote4), Protocols(1, {})}, {Prefix(kRemote6), Protocols(2, {})}};
+  policy.remote = {{Prefix(kRemote4), Protocols(1, {})}, {Prefix(kRemote6), Protocols(2, {})},
+                   {Prefix(kOther4), AllProtocols(3)}};
   policy.ports = {{Ports(1, 443), PassPorts(kIsolationPortTcp | kIsolationPortUdp)},
                   {Ports(2, 443), PassPorts(kIsolationPortTcp | kIsolationPortUdp)}};
   C().Apply(policy);
@@ -435,6 +438,9 @@ TEST_F(IsolationClassifierTest, PacketsEndingInsideAHeaderAreDropped) {
           .Ipv6Extension(P::kRouting, P::kFragment).Ipv6Fragment(P::kTcp, 0, true).Tcp(40000, 443),
       tagged(P::kEtherIpv6).Ipv6("fe80::1", "ff02::1", P::kIcmpv6).Icmpv6(135),
       tagged(P::kEtherIpv4).Ipv4("0.0.0.0", "255.255.255.255", P::kUdp).Udp(68, 67),
+      // Nothing is read after the options of a later fragment: their end is
+      // checked all the same.
+      tagged(P::kEtherIpv4).Ipv4(kLocal4, kOther4, P::kUdp, 12, 100),
   };
   for (const auto& packet : packets) {
     const Bytes whole = packet.Build();
