@@ -104,6 +104,25 @@ TEST(QdiscControllerNs, AClsactFoundInPlaceKeepsItselfAndItsForeignFilter) {
   EXPECT_EQ(run.output, "clsact=1 ingress=2 egress=1 | clsact=1 ingress=1 egress=0");
 }
 
+TEST(QdiscControllerNs, AClsactFoundInPlaceStaysEvenWithoutFilters) {
+  if (geteuid() != 0) GTEST_SKIP() << kNeedsRoot;
+  const auto run = RunInNetworkNamespace([] {
+    Rig rig;
+    if (auto missing = rig.Missing(); !missing.empty()) return missing;
+    if (CreateClsact(rig.ifindex) != 0) return std::string("cannot create the clsact");
+    {
+      auto qdisc = rig.Qdisc();
+      std::uint32_t in = 0;
+      if (!qdisc || qdisc->AttachFilter(rig.Program(), Side(BPF_TC_INGRESS), in) != oro::errOk) {
+        return std::string("cannot attach");
+      }
+    }
+    return HookState(rig.ifindex);
+  });
+  ASSERT_TRUE(run.completed) << run.output;
+  EXPECT_EQ(run.output, "clsact=1 ingress=0 egress=0");
+}
+
 TEST(QdiscControllerNs, AClsactCreatedHereStaysWhileAForeignFilterIsOnIt) {
   if (geteuid() != 0) GTEST_SKIP() << kNeedsRoot;
   const auto run = RunInNetworkNamespace([] {
