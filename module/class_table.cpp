@@ -1,5 +1,6 @@
 #include "module/class_table.h"
 
+#include "firewall/ebpf/qdisc_controller.h"
 #include "firewall/iptables_firewall.h"
 #include "firewall/iptables_info_provider.h"
 #include "firewall/lumra_mode_ports_exclude.h"
@@ -50,6 +51,7 @@ constexpr ClassEntry kDirectClasses[] = {
     {oro::clsid::NflogListenerFactory, &Create<firewall::NflogListenerFactory, firewall::INflogListenerFactory>},
     {oro::clsid::IptablesFirewall, &Create<firewall::IptablesFirewall, firewall::IFirewallStateQuery>},
     {oro::clsid::IptablesInfoProvider, &Create<firewall::IptablesInfoProvider, firewall::IIptablesInfoProvider>},
+    {oro::clsid::QdiscController, &Create<firewall::QdiscController, firewall::IQdiscController>},
     {oro::clsid::NetworkInterfaceProvider,
      &Create<ModuleNetworkInterfaceProvider, firewall::INetworkInterfaceProvider>},
 };

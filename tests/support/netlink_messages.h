@@ -33,6 +33,21 @@ class NetlinkMessages {
     return Close();
   }
 
+  // Starts a message of another family: `header` (a tcmsg, an nlmsgerr, ...)
+  // follows the netlink header as it is.
+  NetlinkMessages& MessageWithHeader(std::uint16_t type, std::uint16_t flags, const void* header,
+                                     std::size_t headerSize, std::uint32_t sequence = 0, std::uint32_t portId = 0) {
+    Align();
+    m_start = m_bytes.size();
+    Put32(0);  // length, grown by what follows
+    Put16(type);
+    Put16(flags);
+    Put32(sequence);
+    Put32(portId);
+    PutRaw(header, headerSize);
+    return Close();
+  }
+
   NetlinkMessages& Attribute(std::uint16_t type, const void* data, std::size_t size) {
     Align();
     Put16(static_cast<std::uint16_t>(4 + size));
