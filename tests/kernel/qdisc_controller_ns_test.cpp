@@ -36,6 +36,8 @@ std::string HookState(int ifindex) {
 
 // The host side of a veth pair in the namespace child, with a controller
 // and an accepting classifier to attach.
+TcFilterPlace Side(bpf_tc_attach_point direction) { return TcFilterPlace{direction, 1, 1}; }
+
 struct Rig {
   PeerNamespace peer;
   int ifindex = static_cast<int>(if_nametoindex("veth-h"));
@@ -50,6 +52,20 @@ struct Rig {
     return qdisc;
   }
   TcProgram Program() const { return TcProgram{program.Get(), "accept_all"}; }
+  // The hook while our classifier is attached on both sides, then after the
+  // qdisc object is released: "held | released".
+  std::string HeldThenReleased() const {
+    std::string held;
+    {
+      auto qdisc = Qdisc();
+      if (!qdisc) return "no qdisc";
+      std::uint32_t in = 0, out = 0;
+      qdisc->AttachFilter(Program(), Side(BPF_TC_INGRESS), in);
+      qdisc->AttachFilter(Program(), Side(BPF_TC_EGRESS), out);
+      held = HookState(ifindex);
+    }
+    return held + " | " + HookState(ifindex);
+  }
   std::string Missing() const {
     if (ifindex < 1) return "no veth-h";
     if (!program) return "classifier refused";
@@ -58,23 +74,13 @@ struct Rig {
   }
 };
 
-TcFilterPlace Side(bpf_tc_attach_point direction) { return TcFilterPlace{direction, 1, 1}; }
 
 TEST(QdiscControllerNs, AFreshInterfaceGetsAClsactThatGoesAtRelease) {
   if (geteuid() != 0) GTEST_SKIP() << kNeedsRoot;
   const auto run = RunInNetworkNamespace([] {
     Rig rig;
     if (auto missing = rig.Missing(); !missing.empty()) return missing;
-    std::string held;
-    {
-      auto qdisc = rig.Qdisc();
-      if (!qdisc) return std::string("no qdisc");
-      std::uint32_t in = 0, out = 0;
-      qdisc->AttachFilter(rig.Program(), Side(BPF_TC_INGRESS), in);
-      qdisc->AttachFilter(rig.Program(), Side(BPF_TC_EGRESS), out);
-      held = HookState(rig.ifindex);
-    }
-    return held + " | " + HookState(rig.ifindex);
+    return rig.HeldThenReleased();
   });
   ASSERT_TRUE(run.completed) << run.output;
   EXPECT_EQ(run.output, "clsact=1 ingress=1 egress=1 | clsact=0 ingress=0 egress=0");
@@ -89,16 +95,7 @@ TEST(QdiscControllerNs, AClsactFoundInPlaceKeepsItselfAndItsForeignFilter) {
     if (AttachForeignFilter(rig.ifindex, BPF_TC_INGRESS, rig.program.Get(), 7, 7) != 0) {
       return std::string("cannot attach the foreign filter");
     }
-    std::string held;
-    {
-      auto qdisc = rig.Qdisc();
-      if (!qdisc) return std::string("no qdisc");
-      std::uint32_t in = 0, out = 0;
-      qdisc->AttachFilter(rig.Program(), Side(BPF_TC_INGRESS), in);
-      qdisc->AttachFilter(rig.Program(), Side(BPF_TC_EGRESS), out);
-      held = HookState(rig.ifindex);
-    }
-    return held + " | " + HookState(rig.ifindex);
+    return rig.HeldThenReleased();
   });
   ASSERT_TRUE(run.completed) << run.output;
   EXPECT_EQ(run.output, "clsact=1 ingress=2 egress=1 | clsact=1 ingress=1 egress=0");
