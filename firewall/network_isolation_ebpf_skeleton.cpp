@@ -9,6 +9,9 @@
 #include <iterator>
 #include <sstream>
 
+#include "firewall/ebpf/qdisc_controller.h"
+#include "firewall/ebpf/tc_filter.h"
+
 namespace qel::firewall {
 
 namespace {
@@ -40,8 +43,9 @@ std::string MapDetail(bpf_map* map, const std::vector<std::uint8_t>& key) {
 
 }  // namespace
 
-NetworkIsolationEbpfSkeleton::NetworkIsolationEbpfSkeleton(tracing::Tracer tracer, std::string objectPath)
-    : m_tracer(std::move(tracer)), m_objectPath(std::move(objectPath)) {}
+NetworkIsolationEbpfSkeleton::NetworkIsolationEbpfSkeleton(tracing::Tracer tracer, std::string objectPath,
+                                                           oro::RefPtr<IQdiscController> qdiscs)
+    : m_tracer(std::move(tracer)), m_objectPath(std::move(objectPath)), m_qdiscs(std::move(qdiscs)) {}
 
 NetworkIsolationEbpfSkeleton::~NetworkIsolationEbpfSkeleton() { UnloadAll(); }
 
@@ -63,15 +67,77 @@ oro::result_t NetworkIsolationEbpfSkeleton::Load() {
 }
 
 void NetworkIsolationEbpfSkeleton::UnloadAll() noexcept {
-  if (!m_object) return;
+  if (!m_object && m_blockers.empty()) return;
   m_tracer.Write(tracing::Detail, "UnloadAll()");
+  // The filters go before the programs they run, and the hooks with them.
+  DetachAll();
   m_object.reset();
+}
+
+void NetworkIsolationEbpfSkeleton::DetachAll() noexcept {
+  for (auto& [index, blocker] : m_blockers) {
+    for (const std::uint32_t attachId : blocker.attachIds) {
+      // The hook traces why; an interface that is gone has no filter left
+      // to take off, and the rest must still go.
+      if (ORO_FAILED(blocker.qdisc->DetachFilter(attachId)))
+        m_tracer.Write(tracing::Error, "cannot detach the isolation classifier: ifindex=", index,
+                       ", attachId=", attachId);
+    }
+  }
+  // Releasing the hooks lets each qdisc go under its ownership rule.
+  m_blockers.clear();
 }
 
 oro::result_t NetworkIsolationEbpfSkeleton::AttachBlockerTo(int index) {
   m_tracer.Write(tracing::Detail, "AttachBlockerTo() index=", index);
-  m_tracer.Write(tracing::Error, "attaching the isolation classifiers is not implemented yet");
-  return oro::errNotImplemented;
+  if (!m_object) {
+    m_tracer.Write(tracing::Error, "isolation eBPF object is not loaded; cannot attach to ifindex=", index);
+    return oro::errInvalidState;
+  }
+  if (m_blockers.count(index) != 0) return oro::errOk;
+  Blocker blocker;
+  if (const auto result = QdiscOf(index, blocker.qdisc); ORO_FAILED(result)) return result;
+  const std::pair<bpf_program*, bpf_tc_attach_point> sides[] = {{IngressClassifier(), BPF_TC_INGRESS},
+                                                                {EgressClassifier(), BPF_TC_EGRESS}};
+  for (const auto& [program, direction] : sides) {
+    std::uint32_t attachId = 0;
+    if (const auto result = AttachTrafficControlTo(*blocker.qdisc, program, direction, attachId);
+        ORO_FAILED(result)) {
+      // Half a blocker isolates one way only: the side attached goes again.
+      for (const std::uint32_t attached : blocker.attachIds) blocker.qdisc->DetachFilter(attached);
+      return result;
+    }
+    blocker.attachIds.push_back(attachId);
+  }
+  m_blockers.emplace(index, std::move(blocker));
+  return oro::errOk;
+}
+
+std::vector<int> NetworkIsolationEbpfSkeleton::AttachedInterfaces() const {
+  std::vector<int> indexes;
+  for (const auto& entry : m_blockers) indexes.push_back(entry.first);
+  return indexes;
+}
+
+oro::result_t NetworkIsolationEbpfSkeleton::QdiscOf(int index, oro::RefPtr<IQdisc>& qdisc) {
+  if (!m_qdiscs) {
+    oro::RefPtr<QdiscController> own;
+    if (const auto result = CreateInstance(own, m_tracer); ORO_FAILED(result)) return result;
+    m_qdiscs = oro::RefPtr<IQdiscController>::Adopt(own.Detach());
+  }
+  const auto result = m_qdiscs->GetQdisc(index, qdisc.Out());
+  if (ORO_FAILED(result)) QEL_TRACE_FAILED_CALL(m_tracer, "GetQdisc(index)", result, "ifindex=" + std::to_string(index));
+  return result;
+}
+
+oro::result_t NetworkIsolationEbpfSkeleton::AttachTrafficControlTo(IQdisc& qdisc, bpf_program* program,
+                                                                   bpf_tc_attach_point direction,
+                                                                   std::uint32_t& attachId) {
+  m_tracer.Write(tracing::Detail, "AttachTrafficControlTo() ifindex=", qdisc.IfIndex(),
+                 ", direction=", TcDirectionName(direction));
+  TcProgram classifier;
+  if (const auto result = TcProgramOf(m_tracer, program, classifier); ORO_FAILED(result)) return result;
+  return qdisc.AttachFilter(classifier, TcFilterPlace{direction, 1, 1}, attachId);
 }
 
 oro::result_t NetworkIsolationEbpfSkeleton::ReadObjectFile(std::vector<char>& image) {

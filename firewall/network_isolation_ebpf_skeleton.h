@@ -5,11 +5,13 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "firewall/ebpf/policy_write.h"
+#include "firewall/ebpf/qdisc_interfaces.h"
 #include "firewall/isolation_bpf_object.h"
 #include "oro/result.h"
 #include "qel_tracing/tracer.h"
@@ -21,18 +23,29 @@ inline constexpr const char* kIsolationBpfObjectPath =
 
 class NetworkIsolationEbpfSkeleton {
  public:
-  explicit NetworkIsolationEbpfSkeleton(tracing::Tracer tracer, std::string objectPath = kIsolationBpfObjectPath);
+  // `qdiscs` hands out the interfaces' tc hooks; without one the skeleton
+  // makes its own at the first attach. Sharing the host's controller lets
+  // other users of an interface's hook share its qdisc with us.
+  explicit NetworkIsolationEbpfSkeleton(tracing::Tracer tracer, std::string objectPath = kIsolationBpfObjectPath,
+                                        oro::RefPtr<IQdiscController> qdiscs = {});
   ~NetworkIsolationEbpfSkeleton();
 
   // Reads the object file, opens and loads it. Loading what is loaded
   // already does nothing.
   oro::result_t Load();
-  // Undoes Load: programs, maps and object are released.
+  // Undoes Load and every attach: the classifiers are detached, the hooks
+  // released (a qdisc goes only if it was created for us and nobody else has
+  // filters on it), then programs, maps and object are released. An
+  // interface that went away meanwhile does not stop the rest.
   void UnloadAll() noexcept;
   bool IsLoaded() const noexcept { return m_object != nullptr; }
 
-  // Puts the blocking classifiers on an interface's hooks.
+  // Puts the blocking classifiers on both sides of the interface `index`.
+  // Attaching to an interface that has them already changes nothing. When
+  // one side fails, the other is taken off again.
   oro::result_t AttachBlockerTo(int index);
+  // The interfaces the classifiers are attached to, in index order.
+  std::vector<int> AttachedInterfaces() const;
 
   // Carries out `policy` in order. `rollback` receives the writes that undo
   // what was done; on the first failure they are carried out at once, so the
@@ -57,9 +70,22 @@ class NetworkIsolationEbpfSkeleton {
  private:
   oro::result_t ReadObjectFile(std::vector<char>& image);
   oro::result_t Execute(const ebpf::PolicyWrite& write);
+  oro::result_t AttachTrafficControlTo(IQdisc& qdisc, bpf_program* program, bpf_tc_attach_point direction,
+                                       std::uint32_t& attachId);
+  oro::result_t QdiscOf(int index, oro::RefPtr<IQdisc>& qdisc);
+  void DetachAll() noexcept;
+
+  // One interface's hook, held while our classifiers are on it, and the
+  // ids of those filters there.
+  struct Blocker {
+    oro::RefPtr<IQdisc> qdisc;
+    std::vector<std::uint32_t> attachIds;
+  };
 
   tracing::Tracer m_tracer;
   std::string m_objectPath;
+  oro::RefPtr<IQdiscController> m_qdiscs;
+  std::map<int, Blocker> m_blockers;  // by interface index
   std::unique_ptr<IsolationBpfObject> m_object;
 };
 

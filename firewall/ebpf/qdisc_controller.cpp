@@ -7,6 +7,8 @@ namespace qel::firewall {
 
 QdiscController::QdiscController(oro::IServiceLocator* locator) : m_tracer(LocatedTracer(locator)) {}
 
+QdiscController::QdiscController(tracing::Tracer tracer) : m_tracer(std::move(tracer)) {}
+
 oro::result_t QdiscController::GetQdisc(int ifindex, IQdisc** out) noexcept {
   return tracing::Guarded(m_tracer, "GetQdisc", [&] { return HandOut(ifindex, out); });
 }

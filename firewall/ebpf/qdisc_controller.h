@@ -18,6 +18,8 @@ namespace qel::firewall {
 class QdiscController : public ObjectImpl<QdiscController, IQdiscController> {
  public:
   explicit QdiscController(oro::IServiceLocator* locator);
+  // For a user that has its tracer in hand but no locator.
+  explicit QdiscController(tracing::Tracer tracer);
 
   // IQdiscController
   oro::result_t GetQdisc(int ifindex, IQdisc** out) noexcept override;
