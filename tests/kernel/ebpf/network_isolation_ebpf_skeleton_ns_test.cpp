@@ -12,6 +12,7 @@
 
 #include "firewall/ebpf/bpf_tc_has_filters.h"
 #include "firewall/ebpf/isolation_policy_book.h"
+#include "firewall/ebpf/qdisc_controller.h"
 #include "firewall/network_isolation_ebpf_skeleton.h"
 #include "support/fake_framework.h"
 #include "support/kernel_tables.h"
@@ -171,6 +172,30 @@ TEST(NetworkIsolationEbpfSkeletonNs, AttachingTwiceKeepsOneFilterPerSide) {
     return text + " " + HookState(rig.ifindex);
   });
   EXPECT_EQ(output, kOk + " " + kOk + " clsact=1 ingress=1 egress=1");
+}
+
+// Isolating one way only would be neither isolated nor free: when the egress
+// slot is taken, the ingress classifier comes off again.
+TEST(NetworkIsolationEbpfSkeletonNs, ASideThatCannotBeAttachedLeavesNeitherAttached) {
+  if (geteuid() != 0) GTEST_SKIP() << kNeedsRoot;
+  const std::string output = InNamespace([](Rig& rig) {
+    const tools::UniqueFd foreign = LoadAcceptingClassifier();
+    if (!foreign || CreateClsact(rig.ifindex) != 0 ||
+        AttachForeignFilter(rig.ifindex, BPF_TC_EGRESS, foreign.Get(), 1, 1) != 0) {
+      return std::string("cannot set up the foreign filter");
+    }
+    // Another user of the hook holds it, so the qdisc outlives the attempt.
+    oro::RefPtr<firewall::QdiscController> controller;
+    CreateInstance(controller, tracing::Tracer());
+    oro::RefPtr<firewall::IQdisc> held;
+    controller->GetQdisc(rig.ifindex, held.Out());
+    NetworkIsolationEbpfSkeleton skeleton(tracing::Tracer(), QEL_ISOLATION_BPF_OBJECT,
+                                          oro::RefPtr<firewall::IQdiscController>::Share(controller.Get()));
+    if (skeleton.Load() != oro::errOk) return std::string("the isolation object did not load");
+    std::string text = skeleton.AttachBlockerTo(rig.ifindex) == oro::errOk ? "attached" : "refused";
+    return text + " " + HookState(rig.ifindex);
+  });
+  EXPECT_EQ(output, "refused clsact=1 ingress=0 egress=1");
 }
 
 TEST(NetworkIsolationEbpfSkeletonNs, AnInterfaceThatWentAwayDoesNotKeepTheOthersAttached) {
