@@ -317,7 +317,8 @@ int main(int argc, char** argv) {
       if (scale.exclusions >= kGoalExclusions) worstAtGoal = std::max(worstAtGoal, worst);
     }
     if (worstAtGoal >= 0)
-      std::printf("\ngoal: at most %.0f ns added per packet at %zu exclusions; worst added %.1f ns, ratio %.2f\n",
+      std::printf("\ngoal: at most %.0f ns added per packet at %zu exclusions; worst added %.1f ns,"
+                  " %.2f of the goal (at most 1.00 meets it)\n",
                   kGoalAddedNs, kGoalExclusions, worstAtGoal, worstAtGoal / kGoalAddedNs);
     if (!verdictsRight) {
       std::fprintf(stderr, "classifier_bench: a classifier gave an unexpected verdict; its figure is of another path\n");
