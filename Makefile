@@ -8,8 +8,9 @@
 #                  the service's and spawning tests with TSan, then fuzz
 #   make test-asan / test-tsan   only one of the sanitizer runs
 #   make demo      build, then run the module live in throwaway namespaces
-#   make bench     measure the module against the bare iptables tools, and
-#                  the NFLOG listener under bursts of logged packets
+#   make bench     measure the module against the bare iptables tools, the
+#                  NFLOG listener under bursts of logged packets, isolation
+#                  taking hold, and the isolation classifiers' cost per packet
 #   make aarch64   cross build for AArch64, check the library's architecture,
 #                  run the unit and blackbox tests under qemu-user
 #   make clean     remove the preset build trees
@@ -29,6 +30,7 @@ BUILD_DIRS := build/default build/asan build/tsan build/aarch64 build/fuzz build
 BENCH_ARGS ?=
 NFLOG_BENCH_ARGS ?=
 ISOLATION_BENCH_ARGS ?=
+CLASSIFIER_BENCH_ARGS ?=
 
 .PHONY: all deps deps-aarch64 build build-asan build-tsan test test-default test-asan test-tsan \
         check-exports demo bench aarch64 build-aarch64 test-aarch64 check-arch-aarch64 clean
@@ -91,16 +93,19 @@ demo: build
 
 # The module against the bare iptables tools, then the NFLOG listener under
 # bursts at rising rates, then how fast isolation takes hold and lets go
-# through firewall-host, in network namespaces (root).
+# through firewall-host, in network namespaces (root), then what the
+# isolation classifiers add to a packet (BPF_PROG_TEST_RUN, root).
 #   make bench BENCH_ARGS="--scales 10000 --backends nft --repeat 5"
 #   make bench NFLOG_BENCH_ARGS="--rates 50000,max --backends nft"
 #   make bench ISOLATION_BENCH_ARGS="--exclusions 10,1000,5000 --isolation-backends ebpf,iptables"
+#   make bench CLASSIFIER_BENCH_ARGS="--exclusions 0,10000 --ports 0 --repeat 100000"
 bench: deps
 	$(CMAKE) -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DQEL_BUILD_TESTS=OFF
-	$(CMAKE) --build build/bench --target firewall_bench nflog_bench isolation_bench firewall-host firewall -j $(JOBS)
+	$(CMAKE) --build build/bench --target firewall_bench nflog_bench isolation_bench classifier_bench firewall-host firewall -j $(JOBS)
 	./build/bench/bench/firewall_bench $(BENCH_ARGS)
 	./build/bench/bench/nflog_bench $(NFLOG_BENCH_ARGS)
 	./build/bench/bench/isolation_bench --host build/bench/firewall-host $(ISOLATION_BENCH_ARGS)
+	./build/bench/bench/classifier_bench $(CLASSIFIER_BENCH_ARGS)
 
 # --- AArch64 (cross + qemu-user) -----------------------------------------------
 
