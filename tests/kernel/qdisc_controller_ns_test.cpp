@@ -21,19 +21,6 @@ using firewall::TcProgram;
 
 constexpr const char* kNeedsRoot = "needs root to create a network namespace and a veth pair";
 
-int Filters(int ifindex, int side) {
-  const bpf_tc_hook hook = TestHook(ifindex, side);
-  return firewall::bpf_tc_has_filters(&hook);
-}
-
-// "clsact=1 ingress=2 egress=0"
-std::string HookState(int ifindex) {
-  std::ostringstream text;
-  text << "clsact=" << HasClsact(ifindex) << " ingress=" << Filters(ifindex, BPF_TC_INGRESS)
-       << " egress=" << Filters(ifindex, BPF_TC_EGRESS);
-  return text.str();
-}
-
 // The host side of a veth pair in the namespace child, with a controller
 // and an accepting classifier to attach.
 TcFilterPlace Side(bpf_tc_attach_point direction) { return TcFilterPlace{direction, 1, 1}; }

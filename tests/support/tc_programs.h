@@ -11,7 +11,10 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <sstream>
+#include <string>
 
+#include "firewall/ebpf/bpf_tc_has_filters.h"
 #include "qel_common/unique_fd.h"
 
 namespace qel::test {
@@ -68,6 +71,20 @@ inline int DetachForeignFilter(int ifindex, int direction, std::uint32_t handle,
   options.handle = handle;
   options.priority = priority;
   return bpf_tc_detach(&hook, &options);
+}
+
+// Filters on one side of the interface's clsact, as the module counts them.
+inline int Filters(int ifindex, int side) {
+  const bpf_tc_hook hook = TestHook(ifindex, side);
+  return firewall::bpf_tc_has_filters(&hook);
+}
+
+// "clsact=1 ingress=2 egress=0"
+inline std::string HookState(int ifindex) {
+  std::ostringstream text;
+  text << "clsact=" << HasClsact(ifindex) << " ingress=" << Filters(ifindex, BPF_TC_INGRESS)
+       << " egress=" << Filters(ifindex, BPF_TC_EGRESS);
+  return text.str();
 }
 
 }  // namespace qel::test

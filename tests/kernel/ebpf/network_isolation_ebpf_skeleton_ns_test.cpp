@@ -46,19 +46,6 @@ const NetworkExclusionRules kPeersNamedPort = {
     {.remoteAddress = tools::ParseIpAddress(PeerNamespace::kPeer6), .protocol = 6,
      .remotePortRange = tools::PortRange{kNamedPort, kNamedPort}}};
 
-int Filters(int ifindex, int side) {
-  const bpf_tc_hook hook = TestHook(ifindex, side);
-  return firewall::bpf_tc_has_filters(&hook);
-}
-
-// "clsact=1 ingress=2 egress=0"
-std::string HookState(int ifindex) {
-  std::ostringstream text;
-  text << "clsact=" << HasClsact(ifindex) << " ingress=" << Filters(ifindex, BPF_TC_INGRESS)
-       << " egress=" << Filters(ifindex, BPF_TC_EGRESS);
-  return text.str();
-}
-
 bool ToolSucceeds(std::vector<std::string> argv) {
   tools::SpawnContext context;
   tools::InitSpawnContext(context, std::move(argv));
